@@ -1,0 +1,99 @@
+// PosixEnv: the Win32 personality on Linux. Host paths appear as Z:\...; devices
+// (\\.\PhysicalDriveN, \\.\C:) are resolved by the disk layer (posix_disks.cpp).
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "platform/env.h"
+
+namespace platform {
+
+// Where a device path reads from: a window [base, base + length) of a host file.
+struct DeviceBinding {
+  std::string host_path;
+  std::int64_t base = 0;
+  std::int64_t length = -1;  // -1: up to the end of the host file
+  int disk = -1;             // index of \\.\PhysicalDriveN
+  int volume = -1;           // index of the lettered volume, for \\.\C:
+};
+
+namespace posix {
+// Implemented by the disk layer.
+bool ResolveDevice(const std::wstring& path, DeviceBinding* binding, DWORD* error);
+bool DeviceControl(const DeviceBinding& binding, DWORD code, void* out, DWORD out_size, DWORD* returned,
+                   DWORD* error);
+bool VolumeNameForMountPoint(const std::wstring& mount_point, std::wstring* volume_name, DWORD* error);
+}  // namespace posix
+
+// Windows path to host path: "Z:\a\b" and "/a/b" name /a/b; a relative path keeps
+// its place, with "\" turned into "/". Other drive letters have no host path ("").
+std::string HostPath(const wchar_t* windows_path);
+// Host path to the Windows form that the core cuts at backslashes: /a/b -> Z:\a\b.
+std::wstring WindowsPath(const std::string& host_path);
+std::string ToUtf8(const std::wstring& text);
+std::wstring FromUtf8(const std::string& text);
+
+class PosixEnv : public Env {
+ public:
+  DWORD GetLastError() override;
+  void SetLastError(DWORD error) override;
+  HMODULE GetModuleHandleW(const wchar_t* module_name) override;
+  DWORD GetModuleFileNameW(HMODULE module, wchar_t* buffer, DWORD size) override;
+  DWORD GetFileVersionInfoSizeW(const wchar_t* file_name) override;
+  bool GetFileVersionInfoW(const wchar_t* file_name, DWORD size, void* data) override;
+  bool VerQueryValueW(const void* block, const wchar_t* sub_block, const void** value, UINT* length) override;
+  DWORD GetPrivateProfileStringW(const wchar_t* section, const wchar_t* key, const wchar_t* default_value,
+                                 wchar_t* buffer, DWORD size, const wchar_t* file_name) override;
+  UINT GetPrivateProfileIntW(const wchar_t* section, const wchar_t* key, int default_value,
+                             const wchar_t* file_name) override;
+  bool WritePrivateProfileStringW(const wchar_t* section, const wchar_t* key, const wchar_t* value,
+                                  const wchar_t* file_name) override;
+  bool PathFileExistsW(const wchar_t* path) override;
+  bool PathIsDirectoryW(const wchar_t* path) override;
+  bool CreateDirectoryW(const wchar_t* path) override;
+  bool CopyFileW(const wchar_t* from, const wchar_t* to, bool fail_if_exists) override;
+  bool DeleteFileW(const wchar_t* path) override;
+  HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition, DWORD flags) override;
+  bool ReadFile(HANDLE file, void* buffer, DWORD to_read, DWORD* read) override;
+  bool WriteFile(HANDLE file, const void* buffer, DWORD to_write, DWORD* written) override;
+  bool SetFilePointerEx(HANDLE file, std::int64_t distance, std::int64_t* new_position, DWORD method) override;
+  bool CloseHandle(HANDLE handle) override;
+  bool DeviceIoControl(HANDLE device, DWORD code, const void* in, DWORD in_size, void* out, DWORD out_size,
+                       DWORD* returned) override;
+  bool GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wchar_t* buffer, DWORD size) override;
+  void GetLocalTime(SystemTime* time) override;
+  DWORD GetCurrentThreadId() override;
+  std::wostream& StdOut() override;
+  bool GetVersionExW(OsVersionInfo* info) override;
+  bool GetProductInfo(DWORD major, DWORD minor, DWORD sp_major, DWORD sp_minor, DWORD* product_type) override;
+  UINT GetSystemDirectoryW(wchar_t* buffer, UINT size) override;
+  UINT GetSystemWow64DirectoryW(wchar_t* buffer, UINT size) override;
+  LONG RegOpenKeyExW(HKEY root, const wchar_t* sub_key, DWORD options, DWORD sam, HKEY* result) override;
+  LONG RegQueryValueExW(HKEY key, const wchar_t* value_name, DWORD* type, void* data, DWORD* size) override;
+  LONG RegCloseKey(HKEY key) override;
+  LONG RegUnLoadKeyW(HKEY root, const wchar_t* sub_key) override;
+  bool OpenProcessToken(DWORD access, HANDLE* token) override;
+  bool LookupPrivilegeValueW(const wchar_t* name, Luid* luid) override;
+  bool AdjustTokenPrivileges(HANDLE token, const TokenPrivileges* new_state, DWORD previous_size,
+                             TokenPrivileges* previous, DWORD* returned) override;
+
+ private:
+  struct OpenFile {
+    int fd = -1;
+    bool append = false;
+    std::int64_t position = 0;
+    bool is_device = false;
+    DeviceBinding device;
+  };
+  bool Lookup(HANDLE handle, OpenFile* file);
+  void Store(HANDLE handle, const OpenFile& file);
+
+  std::mutex mutex_;
+  std::unordered_map<std::uintptr_t, OpenFile> files_;
+  std::uintptr_t next_handle_ = 0x100;
+};
+
+}  // namespace platform

@@ -1,0 +1,95 @@
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstring>
+
+#include "koru_mft/varnel_string.h"
+#include "support/format.h"
+
+namespace {
+
+TEST(VarnelString, SevenCharactersStayInlineEightGoToTheHeap) {
+  varnel::string seven(L"1234567");
+  EXPECT_TRUE(seven.is_inline());
+  EXPECT_EQ(seven.capacity(), 0u);
+  varnel::string eight(L"12345678");
+  EXPECT_FALSE(eight.is_inline());
+  EXPECT_EQ(eight.capacity(), 8u);
+  EXPECT_STREQ(eight.c_str(), L"12345678");
+}
+
+TEST(VarnelString, ShrinkingKeepsTheHeapBufferAndGrowthIsExact) {
+  varnel::string s(L"12345678901234567890");
+  EXPECT_EQ(s.capacity(), 20u);
+  s = L"abc";
+  EXPECT_EQ(s.capacity(), 20u);
+  EXPECT_FALSE(s.is_inline());
+  EXPECT_STREQ(s.c_str(), L"abc");
+  s += L"012345678901234567890";
+  EXPECT_EQ(s.length(), 24u);
+  EXPECT_EQ(s.capacity(), 24u);
+  EXPECT_STREQ(s.c_str(), L"abc012345678901234567890");
+}
+
+TEST(VarnelString, CopiesAreIndependentAndSelfAppendWorks) {
+  varnel::string a(L"path\\to\\file.log");
+  varnel::string b = a;
+  b.set_at(0, L'P');
+  EXPECT_STREQ(a.c_str(), L"path\\to\\file.log");
+  a += a;
+  EXPECT_STREQ(a.c_str(), L"path\\to\\file.logpath\\to\\file.log");
+  varnel::string moved(std::move(b));
+  EXPECT_STREQ(moved.c_str(), L"Path\\to\\file.log");
+}
+
+TEST(VarnelString, RfindAndEraseCutPaths) {
+  varnel::string s(L"Z:\\usr\\bin\\vmft");
+  const auto cut = s.rfind(L'\\');
+  ASSERT_EQ(cut, 10u);
+  s.erase(cut);
+  EXPECT_STREQ(s.c_str(), L"Z:\\usr\\bin");
+  EXPECT_EQ(varnel::string(L"none").rfind(L'\\'), varnel::string::npos);
+  s.erase(100);  // past the end: nothing happens
+  EXPECT_STREQ(s.c_str(), L"Z:\\usr\\bin");
+}
+
+TEST(VarnelString, NullAndEmptyInputsGiveEmptyStrings) {
+  EXPECT_TRUE(varnel::string(static_cast<const wchar_t*>(nullptr)).empty());
+  EXPECT_TRUE(varnel::string(static_cast<const char*>(nullptr)).empty());
+  EXPECT_TRUE(varnel::string("").empty());
+}
+
+TEST(VarnelString, CaseInsensitiveCompare) {
+  EXPECT_EQ(varnel::string(L"File Locations").compare_nocase(varnel::string(L"FILE locations")), 0);
+  EXPECT_LT(varnel::string(L"abc").compare_nocase(varnel::string(L"ABD")), 0);
+}
+
+class NarrowConversion : public ::testing::Test {
+ protected:
+  void SetUp() override { saved_ = std::setlocale(LC_ALL, nullptr); std::setlocale(LC_ALL, "C"); }
+  void TearDown() override { std::setlocale(LC_ALL, saved_.c_str()); }
+  std::string saved_;
+};
+
+TEST_F(NarrowConversion, UnconvertibleNarrowTextBecomesOneQuestionMarkPerByte) {
+  varnel::string s("\xE4\xF6\xFC");  // not valid in the C locale's ASCII
+  EXPECT_STREQ(s.c_str(), L"???");
+}
+
+TEST_F(NarrowConversion, OneUnconvertibleWideCharacterBecomesOneQuestionMark) {
+  varnel::string s(L"ab\u00E9cd");
+  EXPECT_STREQ(s.narrow(), "ab?cd");
+  varnel::string plain(L"plain text");
+  EXPECT_STREQ(plain.narrow(), "plain text");
+  EXPECT_STREQ(varnel::string("round trip").c_str(), L"round trip");
+}
+
+TEST(FormatFixed, CutsAtTheBufferAndReportsMinusOne) {
+  wchar_t buffer[8];
+  EXPECT_EQ(varnel::FormatFixed(buffer, 8, L"%ls", L"0123456789"), -1);
+  EXPECT_STREQ(buffer, L"0123456");
+  EXPECT_EQ(varnel::FormatFixed(buffer, 8, L"%u", 42u), 2);
+  EXPECT_STREQ(buffer, L"42");
+}
+
+}  // namespace

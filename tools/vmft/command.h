@@ -1,0 +1,40 @@
+// vmft subcommands register themselves here, so each lives in its own file.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+namespace vmft {
+
+struct Global {
+  std::vector<std::string> disks;    // --disk PATH[:SECTOR_SIZE]
+  std::vector<std::string> volumes;  // --volume L=DISK:PARTITION
+  int trace_level = -1;              // --trace-level N
+};
+
+// A subcommand and what it does when chosen (the result is the exit code).
+struct Command {
+  CLI::App* sub;
+  std::function<int()> run;
+};
+using Setup = std::function<Command(CLI::App& app, Global& global)>;
+
+struct Registrar {
+  Registrar(int order, Setup setup);
+};
+
+struct Entry {
+  int order;
+  Setup setup;
+};
+std::vector<Entry>& Registry();
+
+// Writes a wide text to stdout / stderr as UTF-8.
+void Out(const std::wstring& text);
+void Err(const std::wstring& text);
+std::wstring Widen(const std::string& text);
+
+}  // namespace vmft

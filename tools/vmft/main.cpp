@@ -1,0 +1,105 @@
+#include <algorithm>
+#include <clocale>
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include "command.h"
+#include "koru_mft/tool.h"
+
+namespace vmft {
+
+std::vector<Entry>& Registry() {
+  static std::vector<Entry> entries;
+  return entries;
+}
+
+Registrar::Registrar(int order, Setup setup) { Registry().push_back({order, std::move(setup)}); }
+
+namespace {
+std::string Utf8(const std::wstring& text) {
+  std::string out;
+  for (wchar_t wc : text) {
+    auto c = static_cast<std::uint32_t>(wc);
+    if (c > 0x10FFFF) c = '?';
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (c < 0x800) {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      out += static_cast<char>(0xE0 | (c >> 12));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | (c >> 18));
+      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return out;
+}
+}  // namespace
+
+void Out(const std::wstring& text) {
+  std::cout << Utf8(text);
+  std::cout.flush();
+}
+
+void Err(const std::wstring& text) {
+  std::cerr << Utf8(text);
+  std::cerr.flush();
+}
+
+std::wstring Widen(const std::string& text) {
+  std::wstring out;
+  for (unsigned char c : text) out += static_cast<wchar_t>(c);
+  return out;
+}
+
+}  // namespace vmft
+
+int main(int argc, char** argv) {
+  std::setlocale(LC_ALL, "");
+  CLI::App app{"vmft - read the MFT of NTFS volumes below the file system"};
+  app.require_subcommand(1);
+  vmft::Global global;
+  app.add_option("--disk", global.disks,
+                 "Attach a block device or disk image as the next \\\\.\\PhysicalDriveN (PATH[:SECTOR_SIZE])")
+      ->type_name("PATH[:SECTOR_SIZE]");
+  app.add_option("--volume", global.volumes, "Pin a drive letter to a partition (L=DISK:PARTITION)")
+      ->type_name("L=DISK:PARTITION");
+  app.add_option("--trace-level", global.trace_level, "Trace level 0-4 for this run (as trace.ini sets it)")
+      ->check(CLI::Range(0, 4));
+
+  auto& entries = vmft::Registry();
+  std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.order < b.order; });
+  std::vector<vmft::Command> commands;
+  for (auto& entry : entries) commands.push_back(entry.setup(app, global));
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+
+  if (global.trace_level >= 0) koru::tool::SetTraceLevel(static_cast<unsigned>(global.trace_level));
+  for (const auto& spec : global.disks) {
+    std::string error;
+    if (!koru::tool::AttachDisk(spec, &error)) {
+      vmft::Err(L"vmft: cannot attach disk " + vmft::Widen(spec) + L": " + vmft::Widen(error) + L"\n");
+      return 2;
+    }
+  }
+  for (const auto& spec : global.volumes) {
+    std::string error;
+    if (!koru::tool::PinVolume(spec, &error)) {
+      vmft::Err(L"vmft: bad --volume " + vmft::Widen(spec) + L": " + vmft::Widen(error) + L"\n");
+      return 2;
+    }
+  }
+  for (auto& command : commands)
+    if (command.sub->parsed()) return command.run();
+  return 1;
+}
