@@ -81,8 +81,7 @@ void VMFT::GetResourceVersionStr(const varnel::string& sDllName, varnel::string&
 
   const DWORD size = env.GetFileVersionInfoSizeW(file.c_str());
   if (size == 0) {
-    fn.Failed(L"... ending( GetFileVersionInfoSize failed )", env.GetLastError());
-    return fn.EndText(L"... ending( GetFileVersionInfoSize failed )", varnel::kTraceError);
+    return fn.Failed(L"... ending( GetFileVersionInfoSize failed )", env.GetLastError());
   }
   std::vector<unsigned char> block(size, 0);
   if (!env.GetFileVersionInfoW(file.c_str(), size, block.data())) {

@@ -45,9 +45,12 @@ class FnTrace {
   void Message(const wchar_t* text, DWORD level = kTraceInfo) { m_trace.Trace(level, m_function, text); }
 
   // A failed system call: function + " : " + what, value dwLastError (error level).
+  // A `what` that is an ending ("... ending(...)") ends the function's trace too.
   void Failed(const wchar_t* what, DWORD last_error) {
-    const std::wstring function = std::wstring(m_function) + L" : " + what;
+    const std::wstring text(what);
+    const std::wstring function = std::wstring(m_function) + L" : " + text;
     m_trace.Trace(kTraceError, function.c_str(), L"dwLastError", static_cast<std::int64_t>(last_error));
+    if (text.rfind(L"... ending", 0) == 0) m_ended = true;
   }
 
   template <typename T>

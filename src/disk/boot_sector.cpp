@@ -1,0 +1,92 @@
+#include "disk/boot_sector.h"
+
+#include <array>
+#include <cstring>
+
+#include "disk/boot_sector_layout.h"
+#include "support/bytes.h"
+#include "support/fn_trace.h"
+#include "support/format.h"
+
+namespace koru {
+
+using platform::DWORD;
+using varnel::FnTrace;
+
+bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSector) {
+  FnTrace fn(L"BootSector::GetMftSector");
+  platform::Env& env = platform::Env::Default();
+
+  wchar_t wszDriveName[260];
+  varnel::FormatFixed(wszDriveName, 260, L"\\\\.\\PhysicalDrive%u", unsigned{volume.uiDiskNumber});
+  fn.Value(L"wszDriveName", wszDriveName);
+
+  platform::HANDLE disk = env.CreateFileW(wszDriveName, platform::kGenericRead,
+                                          platform::kFileShareRead | platform::kFileShareWrite,
+                                          platform::kOpenExisting, 0);
+  if (!platform::IsValid(disk)) {
+    fn.Failed(L"... ending(CreateFile() failed)", env.GetLastError());
+    return false;
+  }
+  struct Closer {
+    platform::Env& env;
+    platform::HANDLE h;
+    ~Closer() { env.CloseHandle(h); }
+  } closer{env, disk};
+
+  const std::uint64_t offset = std::uint64_t{m_dwBytesPerSector} * volume.uiStartSector;
+  std::int64_t position = 0;
+  if (!env.SetFilePointerEx(disk, static_cast<std::int64_t>(offset), &position, platform::kFileBegin)) {
+    fn.Failed(L"... ending(SetFilePointerEx() failed)", env.GetLastError());
+    return false;
+  }
+  if (static_cast<std::uint64_t>(position) != offset) {
+    fn.End(L"actual seek offset not equal to requested seek offset");
+    return false;
+  }
+
+  std::array<std::byte, boot::kSize> sector{};
+  DWORD read = 0;
+  if (!env.ReadFile(disk, sector.data(), static_cast<DWORD>(sector.size()), &read)) {
+    fn.Failed(L"... ending(ReadFile() failed)", env.GetLastError());
+    return false;
+  }
+  if (read != sector.size()) {
+    fn.End(L"bytes read not equal to bytes requested");
+    return false;
+  }
+  const Bytes view(sector);
+
+  if (std::memcmp(view.data() + boot::kOemId, boot::kBitLockerOemId, boot::kOemIdLength) == 0) {
+    fn.End(L"BitLocker boot sector detected", varnel::kTraceWarning);
+    env.StdOut() << L"BitLocker boot sector detected ... using legacy hard-link scan" << std::endl;
+    return false;
+  }
+
+  const std::uint8_t b = le8Or0(view, boot::kSectorsPerCluster);
+  m_dwSectorsPerCluster = b;
+  if (b > 0x80) {
+    fn.Value(L"Bs.bs_ntfs.bpb.bSectorsPerCluster", b);
+    // 0x81..0xE0 would shift by 32 or more; the count is taken modulo 32.
+    m_dwSectorsPerCluster = DWORD{1} << ((256u - b) % 32u);
+  }
+  fn.Value(L"m_dwSectorsPerCluster", m_dwSectorsPerCluster);
+
+  uiMftSector = std::uint64_t{m_dwSectorsPerCluster} * le64Or0(view, boot::kMftCluster) + volume.uiStartSector;
+  fn.Value(L"uiMftSector", uiMftSector);
+  return true;
+}
+
+bool BootSector::GetSectorsPerCluster(DWORD& dwSectorsPerCluster) {
+  FnTrace fn(L"BootSector::GetSectorsPerCluster");
+  if (m_dwSectorsPerCluster == 0) {
+    // kept as written: the recovery tools match on it
+    fn.End(L"sectors per cluster undetermioned");
+    return false;
+  }
+  dwSectorsPerCluster = m_dwSectorsPerCluster;
+  fn.Value(L"dwSectorsPerCluster", dwSectorsPerCluster);
+  return true;
+}
+
+}  // namespace koru
