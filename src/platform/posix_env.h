@@ -26,6 +26,8 @@ bool ResolveDevice(const std::wstring& path, DeviceBinding* binding, DWORD* erro
 bool DeviceControl(const DeviceBinding& binding, DWORD code, void* out, DWORD out_size, DWORD* returned,
                    DWORD* error);
 bool VolumeNameForMountPoint(const std::wstring& mount_point, std::wstring* volume_name, DWORD* error);
+// Forgets attached disks, pins and the volume scan (tests); the environment is read again.
+void ResetDisks();
 }  // namespace posix
 
 // Windows path to host path: "Z:\a\b" and "/a/b" name /a/b; a relative path keeps
