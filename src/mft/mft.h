@@ -1,0 +1,34 @@
+// MFT: reads 1024-byte file records straight from the physical disk and applies
+// their update-sequence fix-ups. One object serves one volume extent of one call.
+#pragma once
+
+#include <cstdint>
+
+#include "mft/attribute.h"
+#include "mft/layout.h"
+#include "platform/env.h"
+
+namespace koru {
+
+using layout::RecordBuffer;
+
+class MFT {
+ public:
+  wchar_t m_wszPhysicalDrive[260] = {};
+  platform::HANDLE m_hDisk = platform::InvalidHandle();
+  wchar_t m_wcDriveLetter = 0;
+  platform::HANDLE m_hVolumeHint = platform::InvalidHandle();
+  platform::DWORD m_dwBytesPerSector = 0;
+  platform::DWORD m_dwSectorsPerCluster = 0;
+  std::uint64_t m_uiVolumeStartSector = 0;
+  std::uint64_t m_uiMftSector = 0;
+
+  bool ReadMftRecord(std::uint64_t uiSectorNo, RecordBuffer& record);
+  bool SetVolumeHintHandle();
+  // Appends the absolute sector ranges of the MFT's own $DATA runs.
+  bool GetMftRanges(SectorRanges& ranges);
+  // Closes whichever handle is open (the owner's duty once a call is done).
+  void CloseHandles();
+};
+
+}  // namespace koru
