@@ -1,0 +1,57 @@
+#include "support/temp_disk.h"
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "koru_mft/tool.h"
+#include "platform/posix_env.h"
+
+namespace koru::test {
+
+TempDisk::TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_size) {
+  static std::atomic<int> counter{0};
+  std::filesystem::create_directories(KORU_TEST_TMP);
+  path_ = std::string(KORU_TEST_TMP) + "/disk-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ".img";
+  std::ofstream out(path_, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  out.close();
+  platform::posix::ResetDisks();
+  std::string error;
+  const std::string spec = sector_size ? path_ + ":" + std::to_string(sector_size) : path_;
+  if (!koru::tool::AttachDisk(spec, &error)) throw std::runtime_error(error);
+}
+
+TempDisk::~TempDisk() {
+  platform::posix::ResetDisks();
+  std::error_code ec;
+  std::filesystem::remove(path_, ec);
+}
+
+void Put16(std::vector<std::byte>& b, std::size_t at, std::uint16_t v) {
+  for (int i = 0; i < 2; ++i) b.at(at + i) = static_cast<std::byte>(v >> (8 * i));
+}
+void Put32(std::vector<std::byte>& b, std::size_t at, std::uint32_t v) {
+  for (int i = 0; i < 4; ++i) b.at(at + i) = static_cast<std::byte>(v >> (8 * i));
+}
+void Put64(std::vector<std::byte>& b, std::size_t at, std::uint64_t v) {
+  for (int i = 0; i < 8; ++i) b.at(at + i) = static_cast<std::byte>(v >> (8 * i));
+}
+void PutText(std::vector<std::byte>& b, std::size_t at, const char* text) {
+  for (std::size_t i = 0; text[i]; ++i) b.at(at + i) = static_cast<std::byte>(text[i]);
+}
+
+std::vector<std::byte> ReadFileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + path);
+  std::vector<char> chars((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<std::byte> bytes(chars.size());
+  std::memcpy(bytes.data(), chars.data(), chars.size());
+  return bytes;
+}
+
+std::string SharedImage(const std::string& relative) { return std::string(KORU_SHARED_DIR) + "/images/" + relative; }
+
+}  // namespace koru::test

@@ -1,0 +1,34 @@
+// A disk image written by a test and attached as \\.\PhysicalDrive0 (Linux), so the
+// core reads it through the same calls as a real disk.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace koru::test {
+
+class TempDisk {
+ public:
+  // `bytes` is the whole disk; `sector_size` 0 lets the platform detect it.
+  explicit TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_size = 0);
+  ~TempDisk();
+  TempDisk(const TempDisk&) = delete;
+  TempDisk& operator=(const TempDisk&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// Little helpers to build on-disk structures byte by byte.
+void Put16(std::vector<std::byte>& b, std::size_t at, std::uint16_t v);
+void Put32(std::vector<std::byte>& b, std::size_t at, std::uint32_t v);
+void Put64(std::vector<std::byte>& b, std::size_t at, std::uint64_t v);
+void PutText(std::vector<std::byte>& b, std::size_t at, const char* text);
+std::vector<std::byte> ReadFileBytes(const std::string& path);
+std::string SharedImage(const std::string& relative);  // path under ../shared/images
+
+}  // namespace koru::test
