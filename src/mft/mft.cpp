@@ -75,7 +75,7 @@ bool MFT::ReadMftRecord(std::uint64_t uiSectorNo, RecordBuffer& record) {
     const DWORD dwLastError = env.GetLastError();
     fn.Value(L"dwLastError", static_cast<std::int64_t>(dwLastError), varnel::kTraceError);
     fn.Value(L"uiSectorNo", uiSectorNo, varnel::kTraceError);
-    fn.EndText(L"MFT::ReadMftRecord : ... ending(ReadFile() failed)", varnel::kTraceError);
+    fn.End(L"ReadFile() failed", varnel::kTraceError);
     return false;
   }
   if (read != record.size()) {
