@@ -1,7 +1,6 @@
 #include "disk/boot_sector.h"
 
 #include <array>
-#include <cstring>
 
 #include "disk/boot_sector_layout.h"
 #include "support/bytes.h"
@@ -57,7 +56,7 @@ bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSec
   }
   const Bytes view(sector);
 
-  if (std::memcmp(view.data() + boot::kOemId, boot::kBitLockerOemId, boot::kOemIdLength) == 0) {
+  if (boot::HasOemId(view, boot::kBitLockerOemId)) {
     fn.End(L"BitLocker boot sector detected", varnel::kTraceWarning);
     env.StdOut() << L"BitLocker boot sector detected ... using legacy hard-link scan" << std::endl;
     return false;
@@ -74,6 +73,7 @@ bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSec
 
   uiMftSector = std::uint64_t{m_dwSectorsPerCluster} * le64Or0(view, boot::kMftCluster) + volume.uiStartSector;
   fn.Value(L"uiMftSector", uiMftSector);
+  fn.Ended();  // before the handle is closed, as every other exit
   return true;
 }
 

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
+
+#include "support/bytes.h"
 
 namespace koru::boot {
 
@@ -14,5 +17,12 @@ inline constexpr std::size_t kMftCluster = 0x30;     // u64 logical cluster of $
 
 inline constexpr char kBitLockerOemId[] = "-FVE-FS-";
 inline constexpr char kNtfsOemId[] = "NTFS    ";
+
+// Byte comparison of the OEM id with an 8-character signature; a sector too short to
+// hold the field never matches.
+inline bool HasOemId(Bytes sector, const char (&signature)[kOemIdLength + 1]) {
+  const Bytes field = Sub(sector, kOemId, kOemIdLength);
+  return field.size() == kOemIdLength && std::memcmp(field.data(), signature, kOemIdLength) == 0;
+}
 
 }  // namespace koru::boot

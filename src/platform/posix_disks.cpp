@@ -40,12 +40,16 @@ constexpr std::size_t kMbrSignature = 440;
 constexpr std::size_t kMaxLogicalPartitions = 256;  // an EBR chain longer than this is a loop
 constexpr std::uint32_t kMaxGptEntries = 4096;
 constexpr std::uint32_t kMaxGptEntrySize = 4096;
+// 2^40 sectors of at most 64 KiB: byte offsets stay far inside 63 bits.
+constexpr std::uint64_t kMaxSectors = 1ull << 40;
 
 struct Disk {
   std::string path;
-  DWORD sector_size = 0;     // 0: not given
-  std::int64_t size = 0;     // bytes
+  DWORD given_sector_size = 0;  // 0: not given
+  DWORD sector_size = 0;        // in use, set by every scan
+  std::int64_t size = 0;        // bytes
   bool block_device = false;
+  bool sector_size_known = false;  // given, or told by the kernel: never second-guessed
 };
 
 struct Volume {
@@ -120,33 +124,52 @@ std::wstring MbrGuid(std::uint32_t signature, std::int64_t offset) {
   return L"{" + Hex(signature, 8) + L"-4B4F-5255-" + Hex(off >> 48, 4) + L"-" + Hex(off & 0xFFFFFFFFFFFFull, 12) + L"}";
 }
 
+bool HasText(Bytes view, std::size_t offset, const char* text) {
+  const std::size_t length = std::strlen(text);
+  const Bytes field = koru::Sub(view, offset, length);
+  return field.size() == length && std::memcmp(field.data(), text, length) == 0;
+}
+
+constexpr std::size_t kOemId = 3;
+constexpr std::size_t kBootBytesPerSector = 0x0B;
+
 std::optional<std::wstring> VolumeKind(int fd, std::int64_t offset) {
   const auto boot = ReadBlock(fd, offset, 512);
   if (!boot) return std::nullopt;
-  const char* oem = reinterpret_cast<const char*>(boot->data() + 3);
-  if (std::memcmp(oem, "NTFS    ", 8) == 0) return std::wstring(L"NTFS");
-  if (std::memcmp(oem, "-FVE-FS-", 8) == 0) return std::wstring(L"BitLocker");
+  if (HasText(*boot, kOemId, "NTFS    ")) return std::wstring(L"NTFS");
+  if (HasText(*boot, kOemId, "-FVE-FS-")) return std::wstring(L"BitLocker");
   return std::nullopt;
 }
 
-DWORD DetectSectorSize(int fd, const Disk& disk) {
-  if (disk.sector_size != 0) return disk.sector_size;
-  if (disk.block_device) {
+// Given, else what the kernel says for a block device, else what an image shows: a
+// GPT header at 512 or 4096, or the bytes-per-sector field of a bare volume's boot
+// sector (BitLocker keeps the same field), else 512.
+void DetectSectorSize(int fd, Disk* disk) {
+  disk->sector_size = disk->given_sector_size;
+  disk->sector_size_known = disk->sector_size != 0;
+  if (disk->sector_size_known) return;
+  if (disk->block_device) {
     int size = 0;
-    if (::ioctl(fd, BLKSSZGET, &size) == 0 && size > 0) return static_cast<DWORD>(size);
-  }
-  for (DWORD candidate : {512u, 4096u}) {
-    const auto header = ReadBlock(fd, candidate, 8);
-    if (header && std::memcmp(header->data(), "EFI PART", 8) == 0) return candidate;
-  }
-  if (const auto boot = ReadBlock(fd, 0, 512)) {
-    const Bytes view(*boot);
-    if (std::memcmp(boot->data() + 3, "NTFS    ", 8) == 0) {
-      const DWORD bps = le16Or0(view, 0x0B);
-      if (bps >= 256 && bps <= 65536 && (bps & (bps - 1)) == 0) return bps;
+    if (::ioctl(fd, BLKSSZGET, &size) == 0 && size > 0) {
+      disk->sector_size = static_cast<DWORD>(size);
+      disk->sector_size_known = true;
+      return;
     }
   }
-  return 512;
+  disk->sector_size = 512;
+  for (DWORD candidate : {512u, 4096u}) {
+    const auto header = ReadBlock(fd, candidate, 8);
+    if (header && HasText(*header, 0, "EFI PART")) {
+      disk->sector_size = candidate;
+      return;
+    }
+  }
+  if (const auto boot = ReadBlock(fd, 0, 512)) {
+    if (HasText(*boot, kOemId, "NTFS    ") || HasText(*boot, kOemId, "-FVE-FS-")) {
+      const DWORD bps = le16Or0(*boot, kBootBytesPerSector);
+      if (bps >= 512 && bps <= 65536 && (bps & (bps - 1)) == 0) disk->sector_size = bps;
+    }
+  }
 }
 
 struct Candidate {
@@ -158,12 +181,12 @@ struct Candidate {
 
 void ScanGpt(int fd, DWORD sector, std::vector<Candidate>* out) {
   const auto header = ReadBlock(fd, sector, 92);
-  if (!header || std::memcmp(header->data(), "EFI PART", 8) != 0) return;
+  if (!header || !HasText(*header, 0, "EFI PART")) return;
   const Bytes h(*header);
   const std::uint64_t entries_lba = le64Or0(h, 72);
   const std::uint32_t count = std::min(le32Or0(h, 80), kMaxGptEntries);
   const std::uint32_t entry_size = le32Or0(h, 84);
-  if (entry_size < 128 || entry_size > kMaxGptEntrySize || entries_lba > (1ull << 40)) return;
+  if (entry_size < 128 || entry_size > kMaxGptEntrySize || entries_lba > kMaxSectors) return;
   const auto table = ReadBlock(fd, static_cast<std::int64_t>(entries_lba * sector), std::size_t{count} * entry_size);
   if (!table) return;
   const Bytes t(*table);
@@ -171,7 +194,7 @@ void ScanGpt(int fd, DWORD sector, std::vector<Candidate>* out) {
     const Bytes entry = koru::Sub(t, std::size_t{i} * entry_size, entry_size);
     if (le64Or0(entry, 0) == 0 && le64Or0(entry, 8) == 0) continue;  // unused
     const std::uint64_t first = le64Or0(entry, 32), last = le64Or0(entry, 40);
-    if (last < first || last > (1ull << 48)) continue;
+    if (last < first || last > kMaxSectors) continue;
     out->push_back({static_cast<int>(i + 1), static_cast<std::int64_t>(first * sector),
                     static_cast<std::int64_t>((last - first + 1) * sector), GuidText(koru::Sub(entry, 16, 16))});
   }
@@ -215,6 +238,11 @@ void ScanMbr(int fd, Bytes mbr, DWORD sector, std::vector<Candidate>* out) {
   }
 }
 
+std::size_t Volumes(int fd, const std::vector<Candidate>& candidates) {
+  return static_cast<std::size_t>(
+      std::count_if(candidates.begin(), candidates.end(), [fd](const Candidate& c) { return VolumeKind(fd, c.offset).has_value(); }));
+}
+
 std::vector<Candidate> ScanDisk(int fd, Disk& disk) {
   std::vector<Candidate> found;
   const auto mbr = ReadBlock(fd, 0, 512);
@@ -232,12 +260,12 @@ std::vector<Candidate> ScanDisk(int fd, Disk& disk) {
     ScanGpt(fd, disk.sector_size, &found);
   } else {
     ScanMbr(fd, m, disk.sector_size, &found);
-    // An MBR disk of 4096-byte sectors whose size nobody gave: the first NTFS
-    // boot sector shows up only at the larger scale.
-    if (disk.sector_size == 512 && !found.empty() && !VolumeKind(fd, found.front().offset)) {
+    // An MBR image of 4096-byte sectors whose size nobody gave: its NTFS boot
+    // sectors show up only at the larger scale.
+    if (!disk.sector_size_known && disk.sector_size == 512 && Volumes(fd, found) == 0) {
       std::vector<Candidate> again;
       ScanMbr(fd, m, 4096, &again);
-      if (!again.empty() && VolumeKind(fd, again.front().offset)) {
+      if (Volumes(fd, again) > 0) {
         disk.sector_size = 4096;
         found = std::move(again);
       }
@@ -282,7 +310,7 @@ bool ParseDiskSpec(const std::string& spec, Disk* disk, std::string* error) {
     return false;
   }
   disk->path = path;
-  disk->sector_size = size;
+  disk->given_sector_size = size;
   disk->block_device = S_ISBLK(st.st_mode);
   return true;
 }
@@ -354,7 +382,12 @@ std::vector<Disk> MachineDisks() {
     return a < b;
   });
   std::vector<Disk> disks;
-  for (const auto& name : names) disks.push_back({"/dev/" + name, 0, 0, true});
+  for (const auto& name : names) {
+    Disk disk;
+    disk.path = "/dev/" + name;
+    disk.block_device = true;
+    disks.push_back(disk);
+  }
   return disks;
 }
 
@@ -384,7 +417,7 @@ void Scan(Registry& r) {
     const int fd = OpenRead(disk.path);
     if (fd < 0) continue;
     disk.size = SizeOf(fd, disk.block_device);
-    disk.sector_size = DetectSectorSize(fd, disk);
+    DetectSectorSize(fd, &disk);
     for (const auto& c : ScanDisk(fd, disk)) {
       const auto kind = VolumeKind(fd, c.offset);
       if (!kind) continue;
