@@ -71,17 +71,20 @@ void Attribute::ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ran
     }
     trace_value(L"rel_offset", rel_offset);
 
-    std::uint64_t relative = rel_offset;
+    // The offset's magnitude: the raw value, or for a negative field 2^(8n) - raw
+    // with the shift taken modulo 64 (an 8-byte field gives 1 - raw, a limit of
+    // the decoder kept on purpose).
+    std::uint64_t abs_offset = rel_offset;
     if (offset_size > 0 && (last & 0x80) != 0) {
-      // 2^(8n) - raw, the shift taken modulo 64: an 8-byte field gives 1 - raw.
-      relative = (std::uint64_t{1} << ((8u * offset_size) % 64u)) - rel_offset;
-      lcn -= relative;
+      abs_offset = (std::uint64_t{1} << ((8u * offset_size) % 64u)) - rel_offset;
+      lcn -= abs_offset;
     } else {
       lcn += rel_offset;
     }
-    trace_value(L"abs_offset", lcn);
+    trace_value(L"abs_offset", abs_offset);
 
-    if (relative != 0 && length != 0) {
+    // Sparse runs and runs that do not move carry no clusters of their own here.
+    if (abs_offset != 0 && length != 0) {
       const std::uint64_t uiStart = lcn * m_dwSectorsPerCluster;
       const std::uint64_t uiEnd = (lcn + length) * m_dwSectorsPerCluster;
       trace_value(L"uiStart", uiStart);

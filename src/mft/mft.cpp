@@ -114,7 +114,7 @@ bool MFT::GetMftRanges(SectorRanges& ranges) {
   fn.Value(L"m_uiMftSector", m_uiMftSector);
   RecordBuffer record{};
   if (!ReadMftRecord(m_uiMftSector, record)) {
-    fn.End(L"ReadMftRecord() failed");
+    fn.End(L"ReadMftRecord() failed", varnel::kTraceError);
     return false;
   }
   bool failed = false;

@@ -1,0 +1,171 @@
+#include "mft/attribute.h"
+
+#include <gtest/gtest.h>
+
+#include <iomanip>
+#include <sstream>
+#include <typeinfo>
+
+#include "mft/layout.h"
+#include "support/temp_disk.h"
+#include "support/trace_capture.h"
+
+namespace koru {
+namespace {
+
+std::vector<std::byte> Header(std::uint32_t type) {
+  std::vector<std::byte> h(layout::kNonResidentHeaderSize);
+  test::Put32(h, layout::kAttrType, type);
+  test::Put32(h, layout::kAttrLength, static_cast<std::uint32_t>(h.size()));
+  return h;
+}
+
+TEST(AttributeFactory, EachKnownCodeGetsItsOwnClassAndPredicates) {
+  struct Case {
+    std::uint32_t code;
+    const std::type_info& type;
+    const wchar_t* name;
+  } cases[] = {
+      {0x10, typeid(STANDARD_INFORMATION_Attribute), L"$STANDARD_INFORMATION"},
+      {0x20, typeid(ATTRIBUTE_LIST_Attribute), L"$ATTRIBUTE_LIST"},
+      {0x30, typeid(FILE_NAME_Attribute), L"$FILE_NAME"},
+      {0x40, typeid(OBJECT_ID_Attribute), L"$OBJECT_ID"},
+      {0x50, typeid(SECURITY_DESCRIPTOR_Attribute), L"$SECURITY_DESCRIPTOR"},
+      {0x60, typeid(VOLUME_NAME_Attribute), L"$VOLUME_NAME"},
+      {0x70, typeid(VOLUME_INFORMATION_Attribute), L"$VOLUME_INFORMATION"},
+      {0x80, typeid(DATA_Attribute), L"$DATA"},
+      {0x90, typeid(INDEX_ROOT_Attribute), L"$INDEX_ROOT"},
+      {0xA0, typeid(INDEX_ALLOCATION_Attribute), L"$INDEX_ALLOCATION"},
+      {0xB0, typeid(BITMAP_Attribute), L"$BITMAP"},
+      {0xC0, typeid(REPARSE_POINT_Attribute), L"$REPARSE_POINT"},
+      {0xD0, typeid(EA_INFORMATION_Attribute), L"$EA_INFORMATION"},
+      {0xE0, typeid(EA_Attribute), L"$EA"},
+      {0x100, typeid(LOGGED_UTILITY_STREAM_Attribute), L"$LOGGED_UTILITY_STREAM"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.code);
+    const auto bytes = Header(c.code);
+    test::TraceCapture trace;
+    auto attribute = Attribute::Factory(Bytes(bytes), 16);
+    ASSERT_NE(attribute, nullptr);
+    const Attribute& ref = *attribute;
+    EXPECT_EQ(typeid(ref), c.type);
+    EXPECT_EQ(attribute->sectors_per_cluster(), 16u);
+    EXPECT_EQ(attribute->header().data(), bytes.data());
+    EXPECT_EQ(attribute->IsData(), c.code == 0x80);
+    EXPECT_EQ(attribute->IsFileName(), c.code == 0x30);
+    EXPECT_EQ(attribute->IsAttributeList(), c.code == 0x20);
+    EXPECT_EQ(attribute->IsReparsePoint(), c.code == 0xC0);
+    EXPECT_TRUE(trace.Has(std::wstring(L"[V]: Attribute::Factory : ") + c.name));
+    EXPECT_TRUE(trace.Has(L"[V]: Attribute::Factory : ... ending"));
+    EXPECT_TRUE(IsKnownAttributeType(c.code));
+  }
+}
+
+TEST(AttributeFactory, EndMarkerUnknownTypesAndNullHeadersGiveNone) {
+  test::TraceCapture trace;
+  const auto end = Header(layout::kEndOfAttributes);
+  EXPECT_EQ(Attribute::Factory(Bytes(end), 8), nullptr);
+  EXPECT_TRUE(trace.Has(L"[V]: Attribute::Factory : End of attributes marker"));
+  EXPECT_FALSE(trace.Contains(L"Unknown"));
+
+  // 0xF0 sits between known codes but has no class.
+  for (std::uint32_t code : {0xF0u, 0x0u, 0x81u, 0x110u, 0xFFFFFFFEu}) {
+    SCOPED_TRACE(code);
+    trace.Reset();
+    const auto bytes = Header(code);
+    EXPECT_EQ(Attribute::Factory(Bytes(bytes), 8), nullptr);
+    EXPECT_TRUE(trace.Has(L"[E]: Attribute::Factory : Unknown Atribute Type : pAttrHdr->AttributeType = " +
+                          std::to_wstring(code)));
+    EXPECT_FALSE(IsKnownAttributeType(code));
+  }
+
+  trace.Reset();
+  EXPECT_EQ(Attribute::Factory(Bytes{}, 8), nullptr);
+  EXPECT_TRUE(trace.Has(L"[V]: Attribute::Factory : ... ending(null attribute header pointer)"));
+  // Fewer bytes than a type code is no header either.
+  const std::byte three[3] = {std::byte{0x80}, {}, {}};
+  EXPECT_EQ(Attribute::Factory(Bytes(three), 8), nullptr);
+}
+
+TEST(AttributeTypeName, KnownNamesAndUnknownCodesInHexThenDecimalAgain) {
+  std::wostringstream os;
+  WriteAttributeTypeName(os, 0x80);
+  os << L" ";
+  WriteAttributeTypeName(os, 0x100);
+  os << L" ";
+  WriteAttributeTypeName(os, 0xF0);
+  os << L" " << 255 << L" ";
+  WriteAttributeTypeName(os, 0xFFFFFFFF);
+  os << L" " << 16;
+  EXPECT_EQ(os.str(), L"$DATA $LOGGED_UTILITY_STREAM 000000f0 255 ffffffff 16");
+
+  // The case of the digits and the fill are the stream's own.
+  std::wostringstream upper;
+  upper << std::uppercase << std::setfill(L'*');
+  WriteAttributeTypeName(upper, 0xAB);
+  upper << std::setw(3) << 7;
+  EXPECT_EQ(upper.str(), L"000000AB**7");
+}
+
+TEST(AttributeSanitizers, SanitizeNameReplacesAndTracesEveryUnacceptableCharacter) {
+  struct Case {
+    const wchar_t* in;
+    const wchar_t* out;
+  } cases[] = {
+      {L"$I30", L"?I30"},
+      {L"my stream", L"my?stream"},
+      {L"", L""},
+      {L"Az09._!", L"Az09._!"},
+      {L"a/b\\c:\u00e9", L"a?b?c??"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.out);
+    varnel::string name(c.in);
+    Attribute::SanitizeName(name);
+    EXPECT_TRUE(name == c.out);
+  }
+  test::TraceCapture trace;
+  varnel::string name(L"a b");
+  Attribute::SanitizeName(name);
+  EXPECT_TRUE(trace.Contains(L"Attribute::SanitizeName : Unacceptable : sName[i] = '"));
+  // An embedded NUL is a character like any other.
+  varnel::string nul(L"a\0b", 3);
+  Attribute::SanitizeName(nul);
+  EXPECT_EQ(nul.length(), 3u);
+  EXPECT_TRUE(nul == L"a?b");
+}
+
+TEST(AttributeSanitizers, SanitizeAttributeNameRestoresSystemNamesOneCharacterAway) {
+  struct Case {
+    const wchar_t* in;
+    const wchar_t* out;
+  } cases[] = {
+      {L"$I30", L"$I30"},
+      {L"$MFT", L"$MFT"},
+      {L"$SDS", L"$SDS"},  // not taken for $SDH, two positions away
+      {L"$SII", L"$SII"},
+      {L"$MountMgrDatabase", L"$MountMgrDatabase"},
+      {L"CscBitmapStreaX", L"CscBitmapStream"},  // no bad character, still one away
+      {L"WofCompressedData", L"WofCompressedData"},
+      {L"$Txx", L"?Txx"},  // two away from everything
+      {L"my stream", L"my?stream"},
+      {L"", L""},
+      {L"$MFTMirr", L"$MFTMirr"},
+      {L"#Bad", L"$Bad"},
+      {L"$Max", L"$Max"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.out);
+    varnel::string name(c.in);
+    Attribute::SanitizeAttributeName(name);
+    EXPECT_TRUE(name == c.out);
+  }
+  test::TraceCapture trace;
+  varnel::string name(L"$I30");
+  Attribute::SanitizeAttributeName(name);
+  EXPECT_TRUE(trace.Has(L"[W]: Attribute::SanitizeAttributeName : Unacceptable : sAttributeName[i] = '$'"));
+}
+
+}  // namespace
+}  // namespace koru
