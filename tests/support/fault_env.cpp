@@ -19,6 +19,18 @@ void FaultEnv::Clear() {
   std::lock_guard<std::mutex> lock(mutex_);
   rules_.clear();
   counts_.clear();
+  ioctl_answer_ = nullptr;
+  volume_name_answer_ = nullptr;
+}
+
+void FaultEnv::AnswerIoctl(IoctlAnswer answer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ioctl_answer_ = std::move(answer);
+}
+
+void FaultEnv::AnswerVolumeName(VolumeNameAnswer answer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  volume_name_answer_ = std::move(answer);
 }
 
 std::optional<Fault> FaultEnv::Next(Call call) {
@@ -98,10 +110,30 @@ bool FaultEnv::SetFilePointerEx(HANDLE h, std::int64_t d, std::int64_t* p, DWORD
 }
 bool FaultEnv::CloseHandle(HANDLE h) { KORU_FAULT_CALL(CloseHandle, false, inner_.CloseHandle(h)); }
 bool FaultEnv::DeviceIoControl(HANDLE h, DWORD c, const void* i, DWORD is, void* o, DWORD os, DWORD* r) {
-  KORU_FAULT_CALL(DeviceIoControl, false, inner_.DeviceIoControl(h, c, i, is, o, os, r));
+  if (Failed(Next(Call::DeviceIoControl))) return false;
+  IoctlAnswer answer;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    answer = ioctl_answer_;
+  }
+  if (!answer) return inner_.DeviceIoControl(h, c, i, is, o, os, r);
+  DWORD error = 0;
+  if (answer(c, o, os, r, &error)) return true;
+  inner_.SetLastError(error);
+  return false;
 }
 bool FaultEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, DWORD n) {
-  KORU_FAULT_CALL(GetVolumeNameForVolumeMountPointW, false, inner_.GetVolumeNameForVolumeMountPointW(m, b, n));
+  if (Failed(Next(Call::GetVolumeNameForVolumeMountPointW))) return false;
+  VolumeNameAnswer answer;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    answer = volume_name_answer_;
+  }
+  if (!answer) return inner_.GetVolumeNameForVolumeMountPointW(m, b, n);
+  DWORD error = 0;
+  if (answer(m, b, n, &error)) return true;
+  inner_.SetLastError(error);
+  return false;
 }
 bool FaultEnv::GetVersionExW(platform::OsVersionInfo* i) {
   KORU_FAULT_CALL(GetVersionExW, false, inner_.GetVersionExW(i));

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -45,6 +46,14 @@ class FaultEnv : public platform::Env {
   }
   int Count(Call call) const;
   void Clear();
+
+  // Answers in place of the wrapped Env, for what no attached disk can show (a volume
+  // on several disks, a platform that keeps asking for more room, an odd volume name).
+  // A handler returns false with the Win32 error in *error. Injected faults come first.
+  using IoctlAnswer = std::function<bool(DWORD code, void* out, DWORD out_size, DWORD* returned, DWORD* error)>;
+  using VolumeNameAnswer = std::function<bool(const wchar_t* mount_point, wchar_t* buffer, DWORD size, DWORD* error)>;
+  void AnswerIoctl(IoctlAnswer answer);
+  void AnswerVolumeName(VolumeNameAnswer answer);
   std::wostringstream& captured_stdout() { return stdout_; }
 
   DWORD GetLastError() override { return inner_.GetLastError(); }
@@ -101,6 +110,8 @@ class FaultEnv : public platform::Env {
     int at;  // absolute call number, or 0 for every call
   };
   std::vector<Rule> rules_;
+  IoctlAnswer ioctl_answer_;
+  VolumeNameAnswer volume_name_answer_;
   std::wostringstream stdout_;
 };
 
