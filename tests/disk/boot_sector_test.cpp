@@ -115,6 +115,126 @@ TEST(BootSector, RealBootSectorsDecodeToWhatTheirVolumesSay) {
   }
 }
 
+// Each real boot sector placed where its volume began (its hidden-sectors field, when
+// small enough to write), on a disk of its own sector size.
+TEST(BootSector, RealBootSectorsGiveTheAbsoluteMftSector) {
+  struct Case {
+    const char* file;
+    std::uint32_t bytes_per_sector;
+    std::uint64_t start;
+    platform::DWORD sectors_per_cluster;
+    std::uint64_t mft_cluster;
+  } cases[] = {{"boot-sectors/dfir-512.boot", 512, 128, 1, 697002},
+               {"boot-sectors/dfir-nobootcode.boot", 512, 17, 8, 771},
+               {"boot-sectors/libfsntfs-volume_header.1", 512, 63, 1, 5355},
+               {"boot-sectors/dfir-4kn.boot", 4096, 16, 1, 4778},
+               {"records/4kn-ntfs-bootsector.bin", 4096, 64, 1, 8533},
+               {"boot-sectors/dfir-4k.boot", 512, 0, 8, 786432},
+               {"boot-sectors/ez-Boot.bin", 512, 0, 8, 786432},
+               {"boot-sectors/dfir-64k.boot", 512, 0, 128, 49152},
+               {"boot-sectors/dfir-128k.boot", 512, 0, 256, 24576}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    const auto boot = test::ReadFileBytes(test::SharedImage(c.file));
+    std::vector<std::byte> disk((c.start + 2) * c.bytes_per_sector);
+    std::copy_n(boot.begin(), std::min<std::size_t>(boot.size(), c.bytes_per_sector),
+                disk.begin() + static_cast<std::ptrdiff_t>(c.start * c.bytes_per_sector));
+    TempDisk attached(disk, c.bytes_per_sector);
+    BootSector reader;
+    reader.m_dwBytesPerSector = c.bytes_per_sector;
+    std::uint64_t mft = 0;
+    ASSERT_TRUE(reader.GetMftSector(VolumeStart{0, c.start}, mft));
+    EXPECT_EQ(mft, c.start + c.sectors_per_cluster * c.mft_cluster);
+    platform::DWORD spc = 0;
+    ASSERT_TRUE(reader.GetSectorsPerCluster(spc));
+    EXPECT_EQ(spc, c.sectors_per_cluster);
+  }
+}
+
+TEST(BootSector, TracesEveryValueOfASuccessfulRead) {
+  std::vector<std::byte> disk(8 * 512);
+  const auto volume = Volume(0xF4, 3);
+  std::copy_n(volume.begin(), 512, disk.begin() + 4 * 512);
+  TempDisk attached(disk, 512);
+  TraceCapture trace;
+  BootSector boot;
+  boot.m_dwBytesPerSector = 512;
+  std::uint64_t sector = 0;
+  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 4}, sector));
+  EXPECT_EQ(sector, 4u + 4096u * 3u);
+  const std::vector<std::wstring> want = {
+      L"[V]: BootSector::GetMftSector : starting ...",
+      L"[I]: BootSector::GetMftSector : wszDriveName = \"\\\\.\\PhysicalDrive0\"",
+      L"[I]: BootSector::GetMftSector : Bs.bs_ntfs.bpb.bSectorsPerCluster = 244",
+      L"[I]: BootSector::GetMftSector : m_dwSectorsPerCluster = 4096",
+      L"[I]: BootSector::GetMftSector : uiMftSector = 12292",
+      L"[V]: BootSector::GetMftSector : ... ending",
+  };
+  EXPECT_EQ(trace.lines(), want);
+
+  trace.Reset();
+  platform::DWORD spc = 0;
+  ASSERT_TRUE(boot.GetSectorsPerCluster(spc));
+  EXPECT_EQ(spc, 4096u);
+  const std::vector<std::wstring> want_spc = {
+      L"[V]: BootSector::GetSectorsPerCluster : starting ...",
+      L"[I]: BootSector::GetSectorsPerCluster : dwSectorsPerCluster = 4096",
+      L"[V]: BootSector::GetSectorsPerCluster : ... ending",
+  };
+  EXPECT_EQ(trace.lines(), want_spc);
+}
+
+TEST(BootSector, ByteOf0x80IsNotTracedAsANegativeExponent) {
+  TempDisk attached(Volume(0x80, 1), 512);
+  TraceCapture trace;
+  BootSector boot;
+  boot.m_dwBytesPerSector = 512;
+  std::uint64_t sector = 0;
+  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 0}, sector));
+  EXPECT_EQ(sector, 128u);
+  EXPECT_FALSE(trace.Contains(L"Bs.bs_ntfs.bpb.bSectorsPerCluster"));
+}
+
+TEST(BootSector, SeeksInUnitsOfTheDiskSector) {
+  // A 4096-byte-sector disk: the volume at sector 3 begins at byte 12288.
+  std::vector<std::byte> disk(8 * 4096);
+  const auto volume = Volume(0x01, 10);
+  std::copy_n(volume.begin(), 512, disk.begin() + 3 * 4096);
+  TempDisk attached(disk, 4096);
+  BootSector boot;
+  boot.m_dwBytesPerSector = 4096;
+  std::uint64_t sector = 0;
+  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 3}, sector));
+  EXPECT_EQ(sector, 13u);
+  // Read as if its sectors were 512 bytes, the same start lands on zeros: accepted as
+  // they stand, since the OEM id is never checked for NTFS.
+  boot.m_dwBytesPerSector = 512;
+  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 3}, sector));
+  EXPECT_EQ(sector, 3u);
+  EXPECT_EQ(boot.m_dwSectorsPerCluster, 0u);
+}
+
+TEST(BootSector, OtherFileSystemsAreNotRejected) {
+  // BitLocker To Go volumes carry a FAT boot sector: only "-FVE-FS-" is refused.
+  FaultEnv env(platform::Env::Default());
+  platform::ScopedEnv scoped(env);
+  const auto d = Decode(test::ReadFileBytes(test::SharedImage("bitlocker/bitlk-togo-aes-xts-128.first64k")));
+  EXPECT_TRUE(d.ok);
+  EXPECT_EQ(d.sectors_per_cluster, 2u);
+  EXPECT_TRUE(env.captured_stdout().str().empty());
+}
+
+TEST(BootSector, ReadPastTheEndOfTheDiskIsAShortRead) {
+  TempDisk attached(Volume(0x08, 4), 512);  // 64 sectors
+  TraceCapture trace;
+  BootSector boot;
+  boot.m_dwBytesPerSector = 512;
+  std::uint64_t sector = 5;
+  EXPECT_FALSE(boot.GetMftSector(VolumeStart{0, 64}, sector));
+  EXPECT_EQ(sector, 5u);
+  EXPECT_TRUE(trace.Has(L"[V]: BootSector::GetMftSector : ... ending(bytes read not equal to bytes requested)"));
+}
+
 class BootSectorFaults : public ::testing::Test {
  protected:
   BootSectorFaults() : attached_(Volume(0x08, 4), 512), env_(platform::Env::Default()), scoped_(env_) {}
