@@ -22,10 +22,13 @@ struct SystemEnvironment {
   bool m_bServerCore = false;
   bool m_b64Bit = false;
   bool m_bWinPE = false;
+  bool m_bHaveProductInfo = false;  // GetProductInfo exists and answered
+  DWORD m_dwProductInfo = 0;
   string m_sProduct;
   string m_sProductName;
   string m_sInstallationType;
   string m_sCSDVersion;
+  string m_sCurrentVersion;
   const wchar_t* const m_wszMiniNT = L"SYSTEM\\CurrentControlSet\\Control\\MiniNT";
   const wchar_t* const m_wszMyMiniNT = L"SYSTEM\\CurrentControlSet\\Control\\MyMiniNT";
 

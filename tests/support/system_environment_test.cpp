@@ -1,0 +1,243 @@
+#include "support/system_environment.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+
+#include "support/fake_system_env.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using koru::test::FakeSystemEnv;
+using koru::test::TempDir;
+using platform::DWORD;
+
+constexpr const wchar_t* kCurrentVersion = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
+constexpr const wchar_t* kPeName = L"Windows (TM) 10 Preinstallation Environment";
+
+struct Row {
+  const char* what;
+  DWORD major, minor;
+  std::uint8_t product_type;  // 1 workstation, 2 domain controller, 3 server
+  const wchar_t* build;       // "CurrentBuild", or none
+  bool winpe;
+  const wchar_t* product_name;
+  DWORD kind;
+};
+
+std::ostream& operator<<(std::ostream& os, const Row& row) { return os << row.what; }
+
+// Every kind, and the build boundaries of the 6.3 correction and the kind rows.
+const Row kRows[] = {
+    {"4.0 matches no row", 4, 0, 1, nullptr, false, nullptr, 1},
+    {"2000 Professional", 5, 0, 1, nullptr, false, nullptr, 2},
+    {"2000 Server", 5, 0, 3, nullptr, false, nullptr, 3},
+    {"XP", 5, 1, 1, nullptr, false, nullptr, 4},
+    {"XP whatever the product type", 5, 1, 3, nullptr, false, nullptr, 4},
+    {"XP x64", 5, 2, 1, nullptr, false, nullptr, 4},
+    {"Server 2003", 5, 2, 3, nullptr, false, nullptr, 5},
+    {"Vista", 6, 0, 1, nullptr, false, nullptr, 6},
+    {"Server 2008", 6, 0, 3, nullptr, false, nullptr, 7},
+    {"Server 2008 R2", 6, 1, 3, nullptr, false, nullptr, 8},
+    {"Windows 7", 6, 1, 1, nullptr, false, nullptr, 9},
+    {"Windows 8", 6, 2, 1, nullptr, false, nullptr, 10},
+    {"Server 2012", 6, 2, 3, nullptr, false, nullptr, 11},
+    {"Windows 8.1", 6, 3, 1, L"9600", false, nullptr, 12},
+    {"workstation 6.3 below 10000 stays", 6, 3, 1, L"9999", false, nullptr, 12},
+    {"Server 2012 R2", 6, 3, 3, L"9600", false, nullptr, 13},
+    {"server 6.3 below 9800 stays", 6, 3, 3, L"9799", false, nullptr, 13},
+    {"6.3 without a build stays", 6, 3, 3, nullptr, false, nullptr, 13},
+    {"Windows 10 reporting 6.3", 6, 3, 1, L"19045", false, nullptr, 14},
+    {"workstation 10000 is 10.0", 6, 3, 1, L"10000", false, nullptr, 14},
+    {"workstation 21999 is 10.0", 6, 3, 1, L"21999", false, nullptr, 14},
+    {"Windows 10 reporting 10.0", 10, 0, 1, L"19045", false, nullptr, 14},
+    {"server 9800 is 10.0", 6, 3, 3, L"9800", false, nullptr, 15},
+    {"Server 2016", 6, 3, 3, L"14393", false, nullptr, 15},
+    {"server 10.0 below 17623", 10, 0, 3, L"17622", false, nullptr, 15},
+    {"server 10.0 from 17623", 10, 0, 3, L"17623", false, nullptr, 16},
+    {"Server 2019 reporting 6.3", 6, 3, 3, L"17763", false, nullptr, 16},
+    {"server 19503 is still 10.0", 6, 3, 3, L"19503", false, nullptr, 16},
+    {"server 19504 is 11.0", 6, 3, 3, L"19504", false, nullptr, 17},
+    {"Server 2022", 6, 3, 3, L"20348", false, nullptr, 17},
+    {"server 11 below 26100", 11, 0, 3, L"26099", false, nullptr, 17},
+    {"workstation 22000 is 11.0", 6, 3, 1, L"22000", false, nullptr, 18},
+    {"Windows 11", 6, 3, 1, L"22631", false, nullptr, 18},
+    {"Server 2025", 6, 3, 3, L"26100", false, nullptr, 19},
+    {"domain controller counts as a server", 6, 1, 2, nullptr, false, nullptr, 8},
+    {"WinPE 5.2", 5, 2, 1, nullptr, true, nullptr, 20},
+    {"WinPE 5.2 reporting a server", 5, 2, 3, nullptr, true, nullptr, 20},
+    {"WinPE 6.0", 6, 0, 1, nullptr, true, nullptr, 21},
+    {"WinPE 6.1", 6, 1, 1, nullptr, true, nullptr, 22},
+    {"WinPE 6.2", 6, 2, 1, nullptr, true, nullptr, 23},
+    {"WinPE 6.3", 6, 3, 1, L"9600", true, L"Windows (TM) 8.1 Preinstallation Environment", 24},
+    {"WinPE 6.3 without a name", 6, 3, 1, L"9600", true, nullptr, 24},
+    {"WinPE 6.3 named 10", 6, 3, 1, L"9600", true, kPeName, 25},
+    {"WinPE 10 reporting 6.3", 6, 3, 1, L"19041", true, kPeName, 25},
+    {"WinPE 10 reporting 10.0", 10, 0, 1, L"19041", true, nullptr, 25},
+    {"WinPE 11 reporting 6.3", 6, 3, 1, L"22621", true, kPeName, 26},
+    {"WinPE 11 reporting 11.0", 11, 0, 1, L"26100", true, nullptr, 26},
+    {"WinPE 4.0 matches no row", 4, 0, 1, nullptr, true, nullptr, 1},
+};
+
+class EnvironmentKind : public ::testing::TestWithParam<Row> {};
+
+TEST_P(EnvironmentKind, Classifies) {
+  const Row& row = GetParam();
+  TempDir dir;
+  FakeSystemEnv env;
+  env.SetVersion(row.major, row.minor, row.product_type);
+  env.AddKey(kCurrentVersion);
+  if (row.build) env.SetString(kCurrentVersion, L"CurrentBuild", row.build);
+  if (row.product_name) env.SetString(kCurrentVersion, L"ProductName", row.product_name);
+  if (row.winpe) dir.Write("prodspec.ini", "[Product Specification]\r\nProduct=WindowsPE\r\n");
+  env.system_dir = dir.win();
+
+  varnel::SystemEnvironment record;
+  record.Compute(env);
+  EXPECT_EQ(record.m_dwEnvironment, row.kind);
+  EXPECT_EQ(record.m_bWinPE, row.winpe);
+  EXPECT_EQ(record.m_bWorkstation, row.winpe || row.product_type == 1);
+  EXPECT_EQ(record.m_bDomainController, row.product_type == 2);
+  EXPECT_EQ(env.open_keys(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllKinds, EnvironmentKind, ::testing::ValuesIn(kRows));
+
+TEST(SystemEnvironment, EveryKindFromOneToTwentySixIsReachable) {
+  bool seen[27] = {};
+  for (const Row& row : kRows) seen[row.kind] = true;
+  for (DWORD kind = 1; kind <= 26; ++kind) EXPECT_TRUE(seen[kind]) << "kind " << kind;
+}
+
+TEST(SystemEnvironment, TheCorrectionRewritesTheVersionAndKeepsTheBuild) {
+  FakeSystemEnv env;
+  env.SetVersion(6, 3, 3);
+  env.SetString(kCurrentVersion, L"CurrentBuild", L"20348");
+  env.SetString(kCurrentVersion, L"CSDVersion", L"none");
+  env.SetString(kCurrentVersion, L"CurrentVersion", L"6.3");
+  varnel::SystemEnvironment record;
+  record.Compute(env);
+  EXPECT_EQ(record.m_dwMajor, 11u);
+  EXPECT_EQ(record.m_dwMinor, 0u);
+  EXPECT_EQ(record.m_dwBuild, 20348u);
+  EXPECT_STREQ(record.m_sCSDVersion.c_str(), L"none");
+  EXPECT_STREQ(record.m_sCurrentVersion.c_str(), L"6.3");
+}
+
+TEST(SystemEnvironment, ServerCoreFromTheProductTypeOrTheInstallationType) {
+  for (DWORD product : {12u, 13u, 14u, 29u, 39u, 40u, 41u, 42u, 43u, 44u, 45u, 46u, 53u, 63u, 64u, 98u, 99u, 100u,
+                        101u}) {
+    FakeSystemEnv env;
+    env.SetVersion(6, 3, 3);
+    env.product_info = product;
+    varnel::SystemEnvironment record;
+    record.Compute(env);
+    EXPECT_TRUE(record.m_bServerCore) << product;
+  }
+  for (DWORD product : {7u, 8u, 10u, 48u, 102u}) {
+    FakeSystemEnv env;
+    env.SetVersion(6, 3, 3);
+    env.product_info = product;
+    varnel::SystemEnvironment record;
+    record.Compute(env);
+    EXPECT_FALSE(record.m_bServerCore) << product;
+  }
+  FakeSystemEnv by_text;
+  by_text.SetVersion(10, 0, 3);
+  by_text.SetString(kCurrentVersion, L"InstallationType", L"Server Core");
+  varnel::SystemEnvironment record;
+  record.Compute(by_text);
+  EXPECT_TRUE(record.m_bServerCore);
+  EXPECT_FALSE(record.m_bHaveProductInfo);  // not exported: skipped
+  EXPECT_STREQ(record.m_sInstallationType.c_str(), L"Server Core");
+}
+
+TEST(SystemEnvironment, DomainControllerFromTheNtdsRootDomain) {
+  FakeSystemEnv env;
+  env.SetVersion(6, 1, 3);
+  env.SetString(L"SYSTEM\\CurrentControlSet\\Services\\NTDS\\Parameters", L"Root Domain", L"DC=corp,DC=example");
+  varnel::SystemEnvironment record;
+  record.Compute(env);
+  EXPECT_TRUE(record.m_bDomainController);
+  EXPECT_EQ(record.m_dwEnvironment, 8u);
+}
+
+TEST(SystemEnvironment, SixtyFourBitWhenTheWow64DirectoryExists) {
+  FakeSystemEnv env;
+  env.SetVersion(6, 1, 1);
+  env.wow64 = true;
+  varnel::SystemEnvironment record;
+  record.Compute(env);
+  EXPECT_TRUE(record.m_b64Bit);
+  FakeSystemEnv plain;
+  plain.SetVersion(6, 1, 1);
+  varnel::SystemEnvironment other;
+  other.Compute(plain);
+  EXPECT_FALSE(other.m_b64Bit);
+}
+
+TEST(SystemEnvironment, ProdspecDecidesWinPE) {
+  TempDir dir;
+  FakeSystemEnv env;
+  env.SetVersion(6, 1, 3);
+  env.system_dir = dir.win();
+
+  varnel::SystemEnvironment missing;  // no prodspec.ini at all
+  missing.Compute(env);
+  EXPECT_FALSE(missing.m_bWinPE);
+  EXPECT_TRUE(missing.m_sProduct.empty());
+
+  dir.Write("prodspec.ini", "[product specification]\r\nproduct = windowspe\r\n");
+  varnel::SystemEnvironment lower;
+  lower.Compute(env);
+  EXPECT_TRUE(lower.m_bWinPE);
+  EXPECT_TRUE(lower.m_bWorkstation);  // forced
+  EXPECT_EQ(lower.m_dwEnvironment, 22u);
+
+  dir.Write("prodspec.ini", "[Product Specification]\r\nProduct=Windows Server\r\n");
+  varnel::SystemEnvironment other;
+  other.Compute(env);
+  EXPECT_FALSE(other.m_bWinPE);
+  EXPECT_STREQ(other.m_sProduct.c_str(), L"Windows Server");
+  EXPECT_EQ(other.m_dwEnvironment, 8u);
+}
+
+TEST(SystemEnvironment, WithoutTheVersionQueryTheRegistryVersionIsUsed) {
+  FakeSystemEnv env;  // GetVersionExW fails
+  env.SetString(kCurrentVersion, L"CurrentVersion", L"6.1");
+  varnel::SystemEnvironment record;
+  record.Compute(env);
+  EXPECT_EQ(record.m_dwMajor, 6u);
+  EXPECT_EQ(record.m_dwMinor, 1u);
+  EXPECT_EQ(record.m_dwEnvironment, 8u);  // no product type: not a workstation
+
+  FakeSystemEnv nothing;
+  varnel::SystemEnvironment unknown;
+  unknown.Compute(nothing);
+  EXPECT_EQ(unknown.m_dwEnvironment, 1u);
+}
+
+TEST(SystemEnvironment, ABuildThatIsNotANumber) {
+  FakeSystemEnv env;
+  env.SetVersion(6, 3, 1);
+  env.SetString(kCurrentVersion, L"CurrentBuild", L"abc");
+  varnel::SystemEnvironment record;
+  record.Compute(env);
+  EXPECT_EQ(record.m_dwBuild, 0u);
+  EXPECT_EQ(record.m_dwEnvironment, 12u);
+  env.SetString(kCurrentVersion, L"CurrentBuild", L"99999999999999");
+  varnel::SystemEnvironment huge;
+  huge.Compute(env);
+  EXPECT_EQ(huge.m_dwEnvironment, 18u);
+}
+
+#ifndef _WIN32
+TEST(SystemEnvironment, LinuxIsNoWindowsAndStaysUnknown) {
+  EXPECT_EQ(varnel::SystemEnvironment::Get().m_dwEnvironment, 1u);
+  EXPECT_EQ(&varnel::SystemEnvironment::Get(), &varnel::SystemEnvironment::Get());
+  EXPECT_FALSE(varnel::SystemEnvironment::Get().m_bWinPE);
+}
+#endif
+
+}  // namespace
