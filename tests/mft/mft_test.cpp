@@ -1,9 +1,14 @@
+// The record reader and GetMftRanges read through attached disk images (PosixEnv).
+#ifndef _WIN32
+
 #include "mft/mft.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 
+#include "mft/record_fixture.h"
 #include "support/fault_env.h"
 #include "support/temp_disk.h"
 #include "support/trace_capture.h"
@@ -162,5 +167,186 @@ TEST_F(MftReadFaults, ReadFailureAndShortRead) {
   EXPECT_TRUE(Read());
 }
 
+TEST(MftReadRecord, RealRecordWithTornFixUpsIsReturnedAsRead) {
+  // Its second half ends in 0x0018 but the first in 0x0046: not the sequence number.
+  const auto bytes = test::ReadFileBytes(test::SharedImage("records/entry_102130_fixup_issue.bin"));
+  std::vector<std::byte> image(8 * 512);
+  std::copy(bytes.begin(), bytes.end(), image.begin() + 4 * 512);
+  test::TempDisk disk(image, 512);
+  MFT mft = Reader(512);
+  test::TraceCapture trace;
+  RecordBuffer record{};
+  ASSERT_TRUE(mft.ReadMftRecord(4, record));
+  EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), record.begin()));
+  EXPECT_FALSE(trace.Contains(L"Found USN"));
+  mft.CloseHandles();
+}
+
+// GetMftRanges on a disk whose record 0 sits at sector 16 of a volume said to start
+// at 2048: the pairs come out shifted by the volume start.
+class MftRanges : public ::testing::Test {
+ protected:
+  bool Ranges(const std::vector<std::byte>& record, SectorRanges& ranges, platform::DWORD spc = 8) {
+    std::vector<std::byte> image(20 * 512);
+    std::copy(record.begin(), record.end(), image.begin() + 16 * 512);
+    test::TempDisk disk(image, 512);
+    MFT mft = Reader(512);
+    mft.m_dwSectorsPerCluster = spc;
+    mft.m_uiVolumeStartSector = 2048;
+    mft.m_uiMftSector = 16;
+    const bool ok = mft.GetMftRanges(ranges);
+    mft.CloseHandles();
+    return ok;
+  }
+  test::TraceCapture trace_;
+};
+
+TEST_F(MftRanges, TheRunListExampleOnAVolumeAt2048) {
+  test::RecordFixture r;
+  r.Resident(layout::kStandardInformation, 0x48).NonResident(layout::kData, {0x31, 0x40, 0x00, 0x10, 0x0C}).End();
+  SectorRanges ranges;
+  ASSERT_TRUE(Ranges(r.OnDisk(), ranges));
+  EXPECT_EQ(ranges, (SectorRanges{{0x0C1000u * 8 + 2048, (0x0C1000u + 0x40) * 8 + 2048}}));
+  EXPECT_TRUE(trace_.Has(L"[I]: MFT::GetMftRanges : MftRange.second = " +
+                         std::to_wstring((0x0C1000u + 0x40) * 8 + 2048)));
+}
+
+TEST_F(MftRanges, PreFilledPairsAreShiftedOnSuccessOnly) {
+  test::RecordFixture good;
+  good.NonResident(layout::kData, {0x11, 0x04, 0x10}).End();
+  SectorRanges ranges{{1, 2}};
+  ASSERT_TRUE(Ranges(good.OnDisk(), ranges));
+  EXPECT_EQ(ranges, (SectorRanges{{2049, 2050}, {0x80 + 2048, 0xA0 + 2048}}));
+
+  // A resident $DATA fails its attribute; the walk still decodes the ones after it.
+  test::RecordFixture bad;
+  bad.NonResident(layout::kData, {0x11, 0x04, 0x10})
+      .Resident(layout::kData, 16)
+      .NonResident(layout::kData, {0x11, 0x01, 0x20}, u"$Bad")
+      .End();
+  ranges = {{1, 2}};
+  trace_.Reset();
+  EXPECT_FALSE(Ranges(bad.OnDisk(), ranges));
+  EXPECT_EQ(ranges, (SectorRanges{{1, 2}, {0x80, 0xA0}, {0x100, 0x108}}));
+  EXPECT_TRUE(trace_.Has(L"[V]: DATA_Attribute::GetSectorRange : ... ending(Resident $DATA attribute)"));
+  EXPECT_TRUE(trace_.Has(L"[E]: MFT::GetMftRanges : ... ending(DATA_Attribute::GetSectorRange() failed)"));
+  EXPECT_FALSE(trace_.Contains(L"MftRange.first"));
+}
+
+TEST_F(MftRanges, AnUnknownTypeHidesTheDataAttributesAfterIt) {
+  test::RecordFixture r;
+  r.NonResident(layout::kData, {0x11, 0x04, 0x10}).Resident(0xF0, 8).NonResident(layout::kData, {0x11, 0x01, 0x20})
+      .End();
+  SectorRanges ranges;
+  ASSERT_TRUE(Ranges(r.OnDisk(), ranges));
+  EXPECT_EQ(ranges, (SectorRanges{{0x80 + 2048, 0xA0 + 2048}}));
+}
+
+TEST_F(MftRanges, AnUnreadableRecordAppendsNothing) {
+  SectorRanges ranges{{1, 2}};
+  std::vector<std::byte> image(4 * 512);  // sector 16 lies past the end
+  test::TempDisk disk(image, 512);
+  MFT mft = Reader(512);
+  mft.m_dwSectorsPerCluster = 8;
+  mft.m_uiMftSector = 16;
+  EXPECT_FALSE(mft.GetMftRanges(ranges));
+  EXPECT_EQ(ranges, (SectorRanges{{1, 2}}));
+  EXPECT_TRUE(trace_.Has(L"[E]: MFT::GetMftRanges : ... ending(ReadMftRecord() failed)"));
+  mft.CloseHandles();
+}
+
+TEST_F(MftRanges, HostileRecordsNeitherCrashNorHang) {
+  const std::vector<std::uint8_t> runs = {0x11, 0x04, 0x10};
+  const SectorRanges first_only{{0x80 + 2048, 0xA0 + 2048}};
+  struct Case {
+    const char* what;
+    std::vector<std::byte> record;
+    std::optional<SectorRanges> expected;  // none: whatever, as long as it ends
+  };
+  std::vector<Case> cases;
+  // A good $DATA at 0x38 (0x48 bytes), then what `build` puts at 0x80.
+  auto after_data = [&](const char* what, auto&& build) {
+    test::RecordFixture r;
+    r.NonResident(layout::kData, runs);
+    build(r);
+    cases.push_back({what, r.OnDisk(), first_only});
+  };
+  after_data("length 0", [](test::RecordFixture& r) { r.Raw(layout::kData, 0); });
+  after_data("length 0xFFFF", [](test::RecordFixture& r) { r.Raw(layout::kData, 0xFFFF); });
+  after_data("length past the buffer", [](test::RecordFixture& r) { r.Raw(layout::kFileName, 0x3C0); });
+  after_data("32-bit length whose low half is 0", [](test::RecordFixture& r) { r.Raw(layout::kData, 0x10000); });
+  after_data("header cut by the buffer", [](test::RecordFixture& r) {
+    r.Raw(layout::kStandardInformation, 0x37E);  // the next type would start at 0x3FE
+    test::Put16(r.bytes(), 0x3FE, 0x0080);
+  });
+  {
+    test::RecordFixture r;
+    r.NonResident(layout::kData, runs).End();
+    test::Put16(r.bytes(), layout::kRecFirstAttribute, 0xFFF8);
+    cases.push_back({"first attribute past the buffer", r.OnDisk(), SectorRanges{}});
+  }
+  {
+    // The second run's offset field needs 4 bytes where the attribute has 3 left;
+    // the zeros after the attribute must not complete it.
+    test::RecordFixture r;
+    r.NonResident(layout::kData, {0x11, 0x04, 0x10, 0x41, 0x04, 0x10, 0x20, 0x30});
+    test::Put32(r.bytes(), 0x38 + layout::kAttrLength, 0x48);
+    cases.push_back({"run list longer than its attribute", r.OnDisk(), first_only});
+  }
+  {
+    // A run list never closed by a 0, running on to the end of the record.
+    test::RecordFixture r;
+    r.NonResident(layout::kData, runs);
+    test::Put32(r.bytes(), 0x38 + layout::kAttrLength, static_cast<std::uint32_t>(layout::kRecordSize - 0x38));
+    for (std::size_t i = 0x38 + 0x40; i < layout::kRecordSize; ++i) r.bytes()[i] = std::byte{0x77};
+    cases.push_back({"run list filling the record", r.OnDisk(0x7777), std::nullopt});
+  }
+  {
+    test::RecordFixture r;
+    r.NonResident(layout::kData, runs).End();
+    test::Put16(r.bytes(), 0x38 + layout::kAttrRunListOffset, 0xFFFF);
+    cases.push_back({"run list offset past the attribute", r.OnDisk(), SectorRanges{}});
+  }
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    trace_.Reset();
+    SectorRanges ranges;
+    Ranges(c.record, ranges);
+    if (c.expected) {
+      EXPECT_EQ(ranges, *c.expected);
+    }
+  }
+  // The walk names the record's sector when it stops on a hostile attribute.
+  trace_.Reset();
+  SectorRanges ranges;
+  Ranges(cases[0].record, ranges);
+  EXPECT_TRUE(trace_.Contains(L"[E]: AttributeWalk::Next : attribute walk stopped"));
+  EXPECT_TRUE(trace_.Contains(L"record at sector 16, offset 128"));
+}
+
+TEST_F(MftRanges, RealFourKSectorRecordsReadAsOneKibibyte) {
+  // Records 0-4 of a Windows volume on 4096-byte sectors, the MFT at sector 8533
+  // (1 sector per cluster): $MFT's $DATA is the run 21 40 55 21.
+  const auto records = test::ReadFileBytes(test::SharedImage("records/4kn-ntfs-mft-records0-4.bin"));
+  std::vector<std::byte> image(4 * 4096);
+  std::copy(records.begin(), records.end(), image.begin() + 2 * 4096);
+  test::TempDisk disk(image, 4096);
+  MFT mft = Reader(4096);
+  mft.m_dwSectorsPerCluster = 1;
+  mft.m_uiMftSector = 2;
+  RecordBuffer record{};
+  ASSERT_TRUE(mft.ReadMftRecord(2, record));
+  // Both sector ends of record 0 carried the sequence number 2 and are now restored.
+  EXPECT_EQ(Word(record, layout::kRecSectorEnd1), 0);
+  EXPECT_EQ(Word(record, layout::kRecSectorEnd2), 0);
+  EXPECT_TRUE(std::equal(records.begin(), records.begin() + 0x1FE, record.begin()));
+  SectorRanges ranges;
+  ASSERT_TRUE(mft.GetMftRanges(ranges));
+  EXPECT_EQ(ranges, (SectorRanges{{8533, 8533 + 0x40}}));
+  mft.CloseHandles();
+}
+
 }  // namespace
 }  // namespace koru
+
+#endif  // _WIN32
