@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "koru_mft/tool.h"
+#include "platform/posix_disks.h"
 #include "platform/posix_env.h"
 #include "support/bytes.h"
 
@@ -370,19 +371,8 @@ std::vector<Disk> MachineDisks() {
     if (!(size_file >> sectors) || sectors == 0) continue;
     names.push_back(name);
   }
-  auto rank = [](const std::string& n) {
-    if (n.rfind("nvme", 0) == 0) return 1;
-    if (n.rfind("mmcblk", 0) == 0) return 2;
-    if (n.rfind("sd", 0) == 0 || n.rfind("hd", 0) == 0 || n.rfind("vd", 0) == 0 || n.rfind("xvd", 0) == 0) return 0;
-    return 3;
-  };
-  std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
-    if (rank(a) != rank(b)) return rank(a) < rank(b);
-    if (a.size() != b.size()) return a.size() < b.size();
-    return a < b;
-  });
   std::vector<Disk> disks;
-  for (const auto& name : names) {
+  for (const auto& name : posix::OrderMachineDisks(std::move(names))) {
     Disk disk;
     disk.path = "/dev/" + name;
     disk.block_device = true;
@@ -520,22 +510,9 @@ bool DeviceControl(const DeviceBinding& binding, DWORD code, void* out, DWORD ou
       *error = kErrorInvalidFunction;  // a physical drive is not a volume
       return false;
     }
-    if (out == nullptr || out_size < kVolumeDiskExtentsHeader) {
-      *error = kErrorInsufficientBuffer;
-      return false;
-    }
-    const std::uint32_t count = 1;
-    std::memset(bytes, 0, kVolumeDiskExtentsHeader);
-    std::memcpy(bytes, &count, sizeof count);
-    if (out_size < kVolumeDiskExtentsHeader + sizeof(DISK_EXTENT)) {
-      *returned = static_cast<DWORD>(kVolumeDiskExtentsHeader);
-      *error = kErrorMoreData;
-      return false;
-    }
-    DISK_EXTENT extent{static_cast<DWORD>(binding.disk), binding.base, binding.length};
-    std::memcpy(bytes + kVolumeDiskExtentsHeader, &extent, sizeof extent);
-    *returned = static_cast<DWORD>(kVolumeDiskExtentsHeader + sizeof extent);
-    return true;
+    // A partition lies on one disk: one extent.
+    return posix::AnswerVolumeDiskExtents({DISK_EXTENT{static_cast<DWORD>(binding.disk), binding.base, binding.length}},
+                                          out, out_size, returned, error);
   }
   if (code == kIoctlDiskGetDriveGeometryEx) {
     if (out == nullptr || out_size < sizeof(DISK_GEOMETRY)) {
@@ -556,6 +533,44 @@ bool DeviceControl(const DeviceBinding& binding, DWORD code, void* out, DWORD ou
   }
   *error = kErrorInvalidFunction;
   return false;
+}
+
+bool AnswerVolumeDiskExtents(const std::vector<DISK_EXTENT>& extents, void* out, DWORD out_size, DWORD* returned,
+                             DWORD* error) {
+  *returned = 0;
+  constexpr std::size_t kMinimum = kVolumeDiskExtentsHeader + sizeof(DISK_EXTENT);  // sizeof(VOLUME_DISK_EXTENTS)
+  if (out == nullptr || out_size < kMinimum) {
+    *error = kErrorInvalidParameter;
+    return false;
+  }
+  auto* bytes = static_cast<unsigned char*>(out);
+  const auto count = static_cast<std::uint32_t>(extents.size());
+  std::memset(bytes, 0, kVolumeDiskExtentsHeader);
+  std::memcpy(bytes, &count, sizeof count);
+  const std::size_t needed = kVolumeDiskExtentsHeader + extents.size() * sizeof(DISK_EXTENT);
+  if (out_size < needed) {
+    *returned = static_cast<DWORD>(kMinimum);
+    *error = kErrorMoreData;
+    return false;
+  }
+  if (!extents.empty()) std::memcpy(bytes + kVolumeDiskExtentsHeader, extents.data(), extents.size() * sizeof(DISK_EXTENT));
+  *returned = static_cast<DWORD>(needed);
+  return true;
+}
+
+std::vector<std::string> OrderMachineDisks(std::vector<std::string> names) {
+  auto rank = [](const std::string& n) {
+    if (n.rfind("nvme", 0) == 0) return 1;
+    if (n.rfind("mmcblk", 0) == 0) return 2;
+    if (n.rfind("sd", 0) == 0 || n.rfind("hd", 0) == 0 || n.rfind("vd", 0) == 0 || n.rfind("xvd", 0) == 0) return 0;
+    return 3;
+  };
+  std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
+    if (rank(a) != rank(b)) return rank(a) < rank(b);
+    if (a.size() != b.size()) return a.size() < b.size();
+    return a < b;
+  });
+  return names;
 }
 
 bool VolumeNameForMountPoint(const std::wstring& mount_point, std::wstring* volume_name, DWORD* error) {
