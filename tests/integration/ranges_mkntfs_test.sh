@@ -13,10 +13,10 @@ need mkntfs ntfs-3g ntfsinfo istat fsstat sfdisk
 # the last run at the data size, while the MFT owns every cluster up to its last VCN.
 tsk_mft_ranges() {
   local img=$1 start=$2 bps=$3 clusters=${4:-0} info cluster sector
-  info=$(fsstat -b "$bps" -o "$start" "$img") || fail "fsstat cannot read the volume at $start of $img"
+  info=$(fsstat -f ntfs -b "$bps" -o "$start" "$img") || fail "fsstat cannot read the volume at $start of $img"
   cluster=$(awk -F': ' '/^Cluster Size:/ {print $2; exit}' <<<"$info")
   sector=$(awk -F': ' '/^Sector Size:/ {print $2; exit}' <<<"$info")
-  istat -b "$bps" -o "$start" -r "$img" 0 |
+  istat -f ntfs -b "$bps" -o "$start" -r "$img" 0 |
     awk -v spc=$((cluster / sector)) -v start="$start" -v clusters="$clusters" '
       /^Type: / { data = ($2 == "$DATA" && $0 ~ /Name: N\/A/) }
       data && /Starting address:/ { gsub(",", ""); addr[n + 0] = $3; len[n + 0] = $5; total += $5; n++ }
