@@ -6,3 +6,118 @@ mkdir -p "$KORU_WORK_DIR"
 fail() { echo "FAIL: $*" >&2; exit 1; }
 skip() { echo "SKIP: $*" >&2; exit 77; }
 need() { for tool in "$@"; do command -v "$tool" >/dev/null || skip "$tool not installed"; done; }
+
+# --- disk images ----------------------------------------------------------------
+# A fresh work directory for one test, emptied again when the test ends (the
+# unpacked Windows images under $KORU_WORK_DIR/images stay for the next run).
+work_dir() {
+  local dir=$KORU_WORK_DIR/$1
+  rm -rf "$dir" && mkdir -p "$dir"
+  echo "$dir"
+}
+
+# An empty (sparse) disk image: $1 path, $2 size (truncate syntax: 64M, ...).
+new_disk() { rm -f "$1" && truncate -s "$2" "$1"; }
+
+# Writes a partition table from an sfdisk script on stdin: $1 image.
+partition() { sfdisk -q --wipe always "$1" >/dev/null 2>&1 || fail "sfdisk on $1"; }
+
+# Formats NTFS into [START, START + COUNT) sectors of image $1 ($2 START, $3 COUNT, $4
+# the disk's sector size, default 512): mkntfs on a file of the partition's size,
+# told where the partition starts, then written into place.
+mkntfs_at() {
+  local img=$1 start=$2 count=$3 bps=${4:-512} part
+  part=$(mktemp "$(dirname "$img")/part.XXXXXX")
+  truncate -s $((count * bps)) "$part"
+  mkntfs -F -Q -q -s "$bps" -p "$start" -H 255 -S 63 "$part" >/dev/null 2>&1 || fail "mkntfs at $start"
+  dd if="$part" of="$img" bs="$bps" seek="$start" conv=notrunc,sparse status=none || fail "dd into $img"
+  rm -f "$part"
+}
+
+# Attaches image $1 as a loop device with $2-byte sectors and prints its path;
+# skips the test where loop devices cannot be made. Detach with losetup -d.
+loop_attach() {
+  [[ $(id -u) == 0 ]] || skip "loop devices need root"
+  losetup -b "$2" -f --show "$1" 2>/dev/null || skip "no loop device with $2-byte sectors here"
+}
+
+# Unpacks a real Windows disk from $KORU_SHARED_DIR/images/windows-volumes once and
+# prints the image's path: $1 archive name.
+windows_image() {
+  local dir=$KORU_WORK_DIR/images src=$KORU_SHARED_DIR/images/windows-volumes/$1 out
+  mkdir -p "$dir"
+  [[ -f $src ]] || skip "$1 is not in the shared images"
+  case $1 in
+    ntfs.tgz) out=$dir/ntfs.raw
+      [[ -f $out ]] || tar -xSzf "$src" -C "$dir" || fail "unpack $1" ;;
+    10b-ntfs-autodetect.zip) out=$dir/10-ntfs-disk.dd
+      [[ -f $out ]] || { unzip -o -j -q "$src" '*10-ntfs-disk.dd' -d "$dir" || fail "unpack $1"; } ;;
+    *.gz) out=$dir/${1%.gz}
+      [[ -f $out ]] || { gunzip -c "$src" >"$out.tmp" && mv "$out.tmp" "$out" || fail "unpack $1"; } ;;
+    *) fail "no recipe for $1" ;;
+  esac
+  [[ -f $out ]] || fail "$1 did not hold $(basename "$out")"
+  echo "$out"
+}
+
+# What mmls (The Sleuth Kit) sees on image $1 with $2-byte sectors: one line per
+# partition whose first sector carries the NTFS or BitLocker OEM id, as
+# "OFFSET LENGTH KIND" in bytes, in table order. Extended-partition containers and
+# unformatted partitions drop out because their first sector carries neither id.
+mmls_volumes() {
+  local img=$1 bps=$2
+  mmls -b "$bps" "$img" 2>/dev/null | python3 -c '
+import re, sys
+img, bps = sys.argv[1], int(sys.argv[2])
+seen = set()
+with open(img, "rb") as disk:
+    for line in sys.stdin:
+        m = re.match(r"\s*\d+:\s+(\S+)\s+(\d+)\s+(\d+)\s+(\d+)", line)
+        if not m or m.group(1) in ("Meta", "-------"):
+            continue
+        start, length = int(m.group(2)), int(m.group(4))
+        if start in seen:
+            continue
+        seen.add(start)
+        disk.seek(start * bps + 3)
+        oem = disk.read(8)
+        kind = {b"NTFS    ": "NTFS", b"-FVE-FS-": "BitLocker"}.get(oem)
+        if kind:
+            print(start * bps, length * bps, kind)
+' "$img" "$bps"
+}
+
+# vmft's volumes as "OFFSET LENGTH KIND" lines in its own order (letters C, D, ...
+# in turn), after checking that every entry of the JSON is on disk 0 with $2-byte
+# sectors and a well-formed volume name: $1 disk spec (PATH[:SECTOR_SIZE]), $2
+# sector size, further arguments go to vmft before the subcommand.
+vmft_volumes() {
+  local spec=$1 bps=$2 json
+  shift 2
+  json=$("$VMFT" --disk "$spec" "$@" volumes --json) || fail "vmft volumes failed on $spec"
+  python3 -c '
+import json, re, sys
+bps = int(sys.argv[1])
+volumes = json.loads(sys.stdin.read())
+for i, v in enumerate(volumes):
+    assert v["letter"] == chr(ord("C") + i), ("letter", v)
+    assert v["disk"] == 0, ("disk", v)
+    assert v["bytes_per_sector"] == bps, ("bytes_per_sector", v)
+    assert re.fullmatch(r"\\\\\?\\Volume\{[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\}\\", v["volume_name"]), v
+    print(v["offset"], v["length"], v["kind"])
+' "$bps" <<<"$json" || fail "vmft volumes --json on $spec: $json"
+}
+
+# Fails unless vmft lists exactly the volumes mmls shows, and exactly $3 of them:
+# $1 disk spec for vmft, $2 sector size, $3 count.
+same_volumes() {
+  local spec=$1 bps=$2 count=$3 ours theirs
+  ours=$(vmft_volumes "$spec" "$bps")
+  theirs=$(mmls_volumes "${spec%%:*}" "$bps")
+  if [[ $ours != "$theirs" ]]; then
+    diff <(echo "$ours") <(echo "$theirs") >&2 || true
+    fail "$(basename "${spec%%:*}"): vmft volumes differ from mmls"
+  fi
+  [[ $(grep -c . <<<"$ours") == "$count" ]] || fail "$(basename "${spec%%:*}"): expected $count volumes, got: $ours"
+  echo "ok: $(basename "${spec%%:*}"): $count volume(s) as mmls shows them"
+}
