@@ -206,6 +206,12 @@ class Env {
   virtual LONG RegCloseKey(HKEY key) = 0;
   virtual LONG RegUnLoadKeyW(HKEY root, const wchar_t* sub_key) = 0;
 
+  // Network byte order and the dotted-quad text of an IPv4 address (htonl, inet_ntoa).
+  // The defaults compute both; backends may answer with the system's routines.
+  virtual DWORD HostToNetworkLong(DWORD value);
+  // False when the routine gives no text; `size` 16 holds any address.
+  virtual bool InetNtoa(DWORD network_order, char* buffer, std::size_t size);
+
   // Privileges.
   virtual bool OpenProcessToken(DWORD access, HANDLE* token) = 0;
   virtual bool LookupPrivilegeValueW(const wchar_t* name, Luid* luid) = 0;

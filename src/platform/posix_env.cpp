@@ -1,5 +1,6 @@
 #include "platform/posix_env.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -710,6 +711,15 @@ LONG PosixEnv::RegQueryValueExW(HKEY, const wchar_t*, DWORD*, void*, DWORD*) {
 LONG PosixEnv::RegCloseKey(HKEY) { return static_cast<LONG>(kErrorInvalidHandle); }
 
 LONG PosixEnv::RegUnLoadKeyW(HKEY, const wchar_t*) { return static_cast<LONG>(kErrorFileNotFound); }
+
+DWORD PosixEnv::HostToNetworkLong(DWORD value) { return htonl(value); }
+
+bool PosixEnv::InetNtoa(DWORD network_order, char* buffer, std::size_t size) {
+  struct in_addr address{};
+  address.s_addr = network_order;
+  if (buffer == nullptr || size == 0) return Fail(kErrorInvalidParameter);
+  return ::inet_ntop(AF_INET, &address, buffer, static_cast<socklen_t>(size)) != nullptr || Fail(kErrorInvalidParameter);
+}
 
 bool PosixEnv::OpenProcessToken(DWORD, HANDLE* token) {
   if (token) *token = InvalidHandle();

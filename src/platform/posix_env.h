@@ -77,6 +77,8 @@ class PosixEnv : public Env {
   LONG RegQueryValueExW(HKEY key, const wchar_t* value_name, DWORD* type, void* data, DWORD* size) override;
   LONG RegCloseKey(HKEY key) override;
   LONG RegUnLoadKeyW(HKEY root, const wchar_t* sub_key) override;
+  DWORD HostToNetworkLong(DWORD value) override;
+  bool InetNtoa(DWORD network_order, char* buffer, std::size_t size) override;
   bool OpenProcessToken(DWORD access, HANDLE* token) override;
   bool LookupPrivilegeValueW(const wchar_t* name, Luid* luid) override;
   bool AdjustTokenPrivileges(HANDLE token, const TokenPrivileges* new_state, DWORD previous_size,

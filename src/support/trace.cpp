@@ -1,6 +1,7 @@
 #include "support/trace.h"
 
 #include <array>
+#include <cctype>
 #include <cstdlib>
 #include <cwchar>
 #include <cwctype>
@@ -348,7 +349,7 @@ void CTrace::Trace(DWORD level, const wchar_t* function, const wchar_t* name, wc
 
 void CTrace::Trace(DWORD level, const wchar_t* function, const wchar_t* name, char value) {
   wchar_t wide = static_cast<wchar_t>(static_cast<unsigned char>(value));
-  if (value != 0 && static_cast<unsigned char>(value) >= 0x20) {
+  if (std::isprint(static_cast<unsigned char>(value))) {
     wchar_t converted = 0;
     if (std::mbtowc(&converted, &value, 1) == 1) wide = converted;
   }
@@ -446,16 +447,15 @@ void CTrace::Banner(const wchar_t* message) {
 
 void CTrace::TraceIPv4(DWORD level, const wchar_t* function, const wchar_t* name, std::uint32_t address,
                        bool host_order) {
-  std::array<unsigned, 4> octets{};
-  if (host_order) {
-    octets = {address >> 24 & 0xFF, address >> 16 & 0xFF, address >> 8 & 0xFF, address & 0xFF};
-  } else {
-    // Network order held in a little-endian word: the first octet is the low byte.
-    octets = {address & 0xFF, address >> 8 & 0xFF, address >> 16 & 0xFF, address >> 24 & 0xFF};
+  if ((m_dwMask & level) == 0) return;
+  const std::uint32_t network = host_order ? m_env.HostToNetworkLong(address) : address;
+  char text[16] = {};
+  std::wstring shown = L"<invalid>";
+  if (m_env.InetNtoa(network, text, sizeof text)) {
+    text[sizeof text - 1] = 0;
+    shown = Widen(text);
   }
-  std::wostringstream out;
-  out << L" = " << octets[0] << L'.' << octets[1] << L'.' << octets[2] << L'.' << octets[3];
-  Write(level, ValueLine(function, name, out.str()));
+  Write(level, ValueLine(function, name, L" = " + shown));
 }
 
 void CTrace::TraceIPv6(DWORD level, const wchar_t* function, const wchar_t* name, const wchar_t* address) {

@@ -66,6 +66,12 @@ class FakeSystemEnv : public FaultEnv {
   std::map<std::wstring, std::wstring> version_strings;  // sub-block -> text
   std::vector<std::wstring> version_queries() const;
 
+  // --- network text
+  bool inet_ntoa_fails = false;
+  bool InetNtoa(DWORD network_order, char* buffer, std::size_t size) override {
+    return !inet_ntoa_fails && FaultEnv::InetNtoa(network_order, buffer, size);
+  }
+
   // --- time and thread
   std::optional<platform::SystemTime> local_time;
   std::optional<DWORD> thread_id;

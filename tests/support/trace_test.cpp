@@ -1,0 +1,372 @@
+#include "support/trace.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "support/fake_system_env.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using koru::test::Call;
+using koru::test::FakeSystemEnv;
+using koru::test::FaultEnv;
+using koru::test::TempDir;
+using varnel::CTrace;
+
+constexpr const char* kLog = "Logfiles/VMFT_trace.log";
+
+platform::SystemTime Time(std::uint16_t year, std::uint16_t month, std::uint16_t dow, std::uint16_t day,
+                          std::uint16_t hour, std::uint16_t minute, std::uint16_t second, std::uint16_t ms) {
+  return platform::SystemTime{year, month, dow, day, hour, minute, second, ms};
+}
+
+// A trace whose program lives in a temporary directory, with a fixed clock and thread.
+class TraceFile : public ::testing::Test {
+ protected:
+  TraceFile() {
+    env_.exe_path = dir_.win("vmft");
+    env_.local_time = Time(2026, 3, 0, 1, 14, 5, 9, 42);
+    env_.thread_id = 0x1a2c;
+  }
+  CTrace& trace() {
+    if (!trace_) trace_ = std::make_unique<CTrace>(L"VMFT_trace.log", L"VMFT_TraceLevel", env_);
+    return *trace_;
+  }
+  std::string log() const { return dir_.Read(kLog); }
+  // The log's text without the fixed prefix of each entry.
+  std::string bodies() const {
+    std::string text = log();
+    const std::string prefix = "[2026-03-01 14:05:09.042]:1a2c:";
+    for (std::size_t at; (at = text.find(prefix)) != std::string::npos;) text.erase(at, prefix.size());
+    return text;
+  }
+
+  TempDir dir_;
+  FakeSystemEnv env_;
+  std::unique_ptr<CTrace> trace_;
+};
+
+TEST_F(TraceFile, LinePrefixHasTimeThreadAndMarker) {
+  trace().SetLevel(4);
+  trace().Trace(8, L"MFT::SetVolumeHintHandle", L"starting ...");
+  EXPECT_EQ(log(), "[2026-03-01 14:05:09.042]:1a2c:[V]: MFT::SetVolumeHintHandle : starting ...\n");
+  trace().Clear();
+  trace().Trace(1, L"f", L"e");
+  trace().Trace(2, L"f", L"w");
+  trace().Trace(4, L"f", L"i");
+  EXPECT_EQ(bodies(), "[E]: f : e\n[W]: f : w\n[I]: f : i\n");
+}
+
+TEST_F(TraceFile, ThreadIdIsZeroFilledToFourDigitsOrPrintedInFull) {
+  env_.thread_id = 0x1F;
+  env_.local_time = Time(987, 1, 2, 3, 4, 5, 6, 7);
+  trace().Trace(1, L"f", L"x");
+  env_.thread_id = 0x12345;
+  trace().Trace(1, L"f", L"y");
+  EXPECT_EQ(log(), "[0987-01-03 04:05:06.007]:001f:[E]: f : x\n[0987-01-03 04:05:06.007]:12345:[E]: f : y\n");
+}
+
+TEST_F(TraceFile, ALevelThatIsNoSingleBitWritesOnlyStampAndThread) {
+  trace().Trace(3, L"f", L"never shown");
+  trace().Trace(5, L"f", L"name", std::int64_t{7});
+  EXPECT_EQ(log(), "[2026-03-01 14:05:09.042]:1a2c\n[2026-03-01 14:05:09.042]:1a2c\n");
+}
+
+TEST_F(TraceFile, LevelNumbersMapToMasks) {
+  EXPECT_EQ(trace().GetLevel(), 7u);
+  const platform::DWORD masks[] = {0, 1, 3, 7, 15};
+  for (platform::DWORD level = 0; level <= 4; ++level) {
+    trace().SetLevel(level);
+    EXPECT_EQ(trace().GetLevel(), masks[level]);
+  }
+  trace().SetLevel(2);
+  trace().SetLevel(5);
+  trace().SetLevel(0xFFFFFFFF);
+  EXPECT_EQ(trace().GetLevel(), 3u);
+  trace().Trace(1, L"f", L"error");
+  trace().Trace(2, L"f", L"warning");
+  trace().Trace(4, L"f", L"info");
+  trace().Trace(8, L"f", L"verbose");
+  EXPECT_EQ(bodies(), "[E]: f : error\n[W]: f : warning\n");
+}
+
+TEST_F(TraceFile, DefaultMaskLeavesOutVerbose) {
+  trace().Trace(8, L"f", L"starting ...");
+  trace().Trace(4, L"f", L"value");
+  EXPECT_EQ(bodies(), "[I]: f : value\n");
+}
+
+TEST_F(TraceFile, TraceIniLevels) {
+  trace().ReadLevel();  // no trace.ini: the mask stays
+  EXPECT_EQ(trace().GetLevel(), 7u);
+  dir_.Write("trace.ini", "[main]\r\nvmft_tracelevel=4\r\n");
+  trace().ReadLevel();
+  EXPECT_EQ(trace().GetLevel(), 15u);
+  dir_.Write("trace.ini", "[Main]\r\nVMFT_TraceLevel=5\r\n");
+  trace().ReadLevel();
+  EXPECT_EQ(trace().GetLevel(), 15u);
+  dir_.Write("trace.ini", "[Main]\r\nOther=1\r\n");
+  trace().ReadLevel();
+  EXPECT_EQ(trace().GetLevel(), 15u);
+  dir_.Write("trace.ini", "[Main]\r\nVMFT_TraceLevel=0\r\n");
+  trace().ReadLevel();
+  EXPECT_EQ(trace().GetLevel(), 0u);
+  trace().Trace(1, L"f", L"error");
+  trace().Banner(L"not even banners");
+  EXPECT_EQ(log(), "");
+}
+
+TEST_F(TraceFile, KorIniChoosesTheLogDirectoryAndItIsCreated) {
+  std::string custom;
+  for (wchar_t c : dir_.win("custom")) custom += static_cast<char>(c);
+  dir_.Write("kor.ini", "[File Locations]\r\nLog Files=elsewhere\r\nLogfiles=" + custom + "\r\n");
+  varnel::string where;
+  trace().GetLogDir(where);
+  EXPECT_STREQ(where.c_str(), dir_.win("custom").c_str());
+  EXPECT_TRUE(std::filesystem::is_directory(dir_ / "custom"));
+  trace().Trace(1, L"f", L"here");
+  EXPECT_NE(dir_.Read("custom/VMFT_trace.log").find("[E]: f : here"), std::string::npos);
+  // Cached: a changed kor.ini is not read again.
+  dir_.Write("kor.ini", "[File Locations]\r\nLogfiles=Z:\\nowhere\r\n");
+  trace().GetLogDir(where);
+  EXPECT_STREQ(where.c_str(), dir_.win("custom").c_str());
+}
+
+TEST_F(TraceFile, DefaultLogDirectoryIsLogfilesBesideTheProgram) {
+  varnel::string where;
+  trace().GetLogDir(where);
+  EXPECT_STREQ(where.c_str(), dir_.win("Logfiles").c_str());
+  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("Logfiles/VMFT_trace.log").c_str());
+  varnel::string own;
+  trace().GetOwnDir(own);
+  EXPECT_STREQ(own.c_str(), dir_.win().c_str());
+}
+
+TEST_F(TraceFile, APreviousLogIsKeptAsOldAndANewOneStarted) {
+  dir_.Write(kLog, "previous run\n");
+  dir_.Write("Logfiles/VMFT_trace.old", "the run before\n");
+  trace();
+  EXPECT_FALSE(dir_.Exists(kLog));
+  EXPECT_EQ(dir_.Read("Logfiles/VMFT_trace.old"), "previous run\n");
+  trace().Trace(1, L"f", L"new");
+  EXPECT_EQ(bodies(), "[E]: f : new\n");
+}
+
+TEST_F(TraceFile, ClearEmptiesTheLog) {
+  trace().Trace(1, L"f", L"x");
+  EXPECT_TRUE(trace().Clear());
+  EXPECT_EQ(log(), "");
+}
+
+TEST_F(TraceFile, SetLogDirOnlyToAnExistingDirectory) {
+  std::filesystem::create_directories(dir_ / "moved");
+  EXPECT_FALSE(trace().SetLogDir(dir_.win("missing").c_str()));
+  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("Logfiles/VMFT_trace.log").c_str());
+  EXPECT_TRUE(trace().SetLogDir(dir_.win("moved").c_str()));
+  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("moved/VMFT_trace.log").c_str());
+  varnel::string where;
+  trace().GetLogDir(where);
+  EXPECT_STREQ(where.c_str(), dir_.win("moved").c_str());
+  trace().Trace(1, L"f", L"moved");
+  EXPECT_EQ(dir_.Read("moved/VMFT_trace.log"), "[2026-03-01 14:05:09.042]:1a2c:[E]: f : moved\n");
+}
+
+TEST_F(TraceFile, RestartMovesTheFileDeletesItAndSetsTheLevel) {
+  dir_.Write("again/VMFT_trace.log", "stale\n");
+  trace().Restart(varnel::string(L""), 4);  // empty: nothing at all
+  EXPECT_EQ(trace().GetLevel(), 7u);
+  trace().Restart(dir_.win("again").c_str(), 1);
+  EXPECT_EQ(trace().GetLevel(), 1u);
+  EXPECT_FALSE(dir_.Exists("again/VMFT_trace.log"));
+  trace().Trace(1, L"f", L"fresh");
+  EXPECT_EQ(dir_.Read("again/VMFT_trace.log"), "[2026-03-01 14:05:09.042]:1a2c:[E]: f : fresh\n");
+}
+
+TEST_F(TraceFile, CharactersAreNamed) {
+  const std::pair<wchar_t, const char*> named[] = {{0, "<NULL>"}, {7, "<Alert>"}, {8, "<BS>"}, {12, "<FF>"},
+                                                   {10, "<LF>"},  {13, "<CR>"},   {9, "<Tab>"}, {11, "<VT>"},
+                                                   {L'x', "x"}};
+  std::string expected;
+  for (const auto& [c, text] : named) {
+    trace().Trace(4, L"fn", L"wc", c);
+    expected += std::string("[I]: fn : wc = '") + text + "'\n";
+  }
+  trace().Trace(4, L"fn", L"c", 'A');
+  trace().Trace(4, L"fn", L"c", '\n');
+  trace().Trace(4, L"fn", L"c", '\0');
+  expected += "[I]: fn : c = 'A'\n[I]: fn : c = '<LF>'\n[I]: fn : c = '<NULL>'\n";
+  EXPECT_EQ(bodies(), expected);
+}
+
+TEST_F(TraceFile, TextValuesOfEverySlot) {
+  trace().Trace(4, L"fn", L"wsz", L"wide");
+  trace().Trace(4, L"fn", L"wsz", static_cast<const wchar_t*>(nullptr));
+  trace().Trace(4, L"fn", L"sz", "narrow");
+  trace().Trace(4, L"fn", L"sz", static_cast<const char*>(nullptr));
+  trace().Trace(4, L"fn", L"ws", std::wstring(L"std wide"));
+  trace().Trace(4, L"fn", L"s", std::string("std narrow"));
+  trace().Trace(4, L"fn", L"sVolume", varnel::string(L"\\\\?\\Volume{x}\\"));
+  EXPECT_EQ(bodies(),
+            "[I]: fn : wsz = \"wide\"\n"
+            "[I]: fn : wsz = \"<null>\"\n"
+            "[I]: fn : sz = \"narrow\"\n"
+            "[I]: fn : sz = \"<null>\"\n"
+            "[I]: fn : ws = \"std wide\"\n"
+            "[I]: fn : s = \"std narrow\"\n"
+            "[I]: fn : sVolume = \"\\\\?\\Volume{x}\\\"\n");
+}
+
+TEST_F(TraceFile, NumberValuesOfEverySlot) {
+  const std::uint32_t seven = 7, big = 12345;
+  trace().Trace(4, L"fn", L"i", std::int64_t{-42});
+  trace().Trace(4, L"fn", L"u", std::uint64_t{18446744073709551615u});
+  trace().TracePadded(4, L"fn", L"p", &seven);
+  trace().TracePadded(4, L"fn", L"p", &big);
+  trace().TraceHex(4, L"fn", L"h", 0xABCDEF12u);
+  trace().Trace(4, L"fn", L"i", std::int64_t{31});  // decimal again after hex and padding
+  trace().Trace(4, L"fn", L"b", varnel::Bool32{1});
+  trace().Trace(4, L"fn", L"b", varnel::Bool32{0});
+  trace().Trace(4, L"fn", L"b", true);
+  trace().Trace(4, L"fn", L"b", false);
+  trace().Trace(4, L"fn", L"d", 3.14159265);
+  trace().Trace(4, L"fn", L"d", 2.5);
+  EXPECT_EQ(bodies(),
+            "[I]: fn : i = -42\n"
+            "[I]: fn : u = 18446744073709551615\n"
+            "[I]: fn : p = 0007\n"
+            "[I]: fn : p = 12345\n"
+            "[I]: fn : h = 0xabcdef12\n"
+            "[I]: fn : i = 31\n"
+            "[I]: fn : b = true\n"
+            "[I]: fn : b = false\n"
+            "[I]: fn : b = true\n"
+            "[I]: fn : b = false\n"
+            "[I]: fn : d = 3.14159\n"
+            "[I]: fn : d = 2.5\n");
+}
+
+TEST_F(TraceFile, ByteDumps) {
+  unsigned char bytes[33];
+  for (int i = 0; i < 33; ++i) bytes[i] = static_cast<unsigned char>(i == 1 ? 0xAB : i);
+  trace().TraceBytes(4, L"fn", L"none", bytes, 0);
+  std::string expected = "[I]: fn : none = \n";
+  trace().TraceBytes(4, L"fn", L"three", bytes, 3);
+  expected += "[I]: fn : three = 00 ab 02 \n";
+  std::string row;
+  for (int i = 0; i < 32; ++i) {
+    char hex[4];
+    std::snprintf(hex, sizeof hex, "%02x", bytes[i]);
+    row += hex;
+    row += i == 31 ? "\n" : " ";
+  }
+  trace().TraceBytes(4, L"fn", L"full", bytes, 32);
+  expected += "[I]: fn : full = " + row + "\n";  // followed by an empty line
+  trace().TraceBytes(4, L"fn", L"over", bytes, 33);
+  expected += "[I]: fn : over = \n" + row + "20 \n";
+  trace().TraceBytes(8, L"fn", L"filtered", bytes, 3);
+  EXPECT_EQ(bodies(), expected);
+}
+
+TEST_F(TraceFile, BannerHasNoPrefixAndIsFramedInStars) {
+  trace().Banner(L"Hello");
+  EXPECT_EQ(log(), "\n***********\n** Hello **\n***********\n\n");
+}
+
+TEST_F(TraceFile, AddressesGuidsAndTimes) {
+  trace().TraceIPv4(4, L"fn", L"ip", 0xC0A80001u, true);
+  trace().TraceIPv4(4, L"fn", L"ip", env_.HostToNetworkLong(0x0A000001u), false);
+  env_.inet_ntoa_fails = true;
+  trace().TraceIPv4(4, L"fn", L"ip", 0x01020304u, true);
+  trace().TraceIPv6(4, L"fn", L"ip6", L"fe80::1");
+  trace().TraceIPv6(4, L"fn", L"ip6", "2001:DB8::ff00:42:8329");
+  trace().TraceIPv6(4, L"fn", L"ip6", L"::");
+  trace().TraceIPv6(4, L"fn", L"ip6", L"1:2:3:4:5:6:7:8");
+  trace().TraceIPv6(4, L"fn", L"ip6", L"10.0.0.1");
+  trace().TraceIPv6(4, L"fn", L"ip6", L"1:2:3:4:5:6:7:8:9");
+  trace().TraceIPv6(4, L"fn", L"ip6", static_cast<const wchar_t*>(nullptr));
+  trace().TraceGuid(4, L"fn", L"g", varnel::Guid{0x12345678, 0x9ABC, 0xdef0, {1, 2, 3, 4, 5, 6, 7, 0xfe}});
+  trace().TraceTime(4, L"fn", L"t", Time(2026, 3, 0, 1, 4, 5, 9, 42));
+  trace().TraceTime(4, L"fn", L"t", Time(999, 12, 6, 31, 23, 59, 58, 0));
+  EXPECT_EQ(bodies(),
+            "[I]: fn : ip = 192.168.0.1\n"
+            "[I]: fn : ip = 10.0.0.1\n"
+            "[I]: fn : ip = <invalid>\n"
+            "[I]: fn : ip6 = fe80:0000:0000:0000:0000:0000:0000:0001\n"
+            "[I]: fn : ip6 = 2001:0db8:0000:0000:0000:ff00:0042:8329\n"
+            "[I]: fn : ip6 = 0000:0000:0000:0000:0000:0000:0000:0000\n"
+            "[I]: fn : ip6 = 0001:0002:0003:0004:0005:0006:0007:0008\n"
+            "[I]: fn : ip6 = <Invalid IPv6 address>\n"
+            "[I]: fn : ip6 = <Invalid IPv6 address>\n"
+            "[I]: fn : ip6 = <Invalid IPv6 address>\n"
+            "[I]: fn : g = { 12345678-9ABC-DEF0-0102-0304050607FE }\n"
+            "[I]: fn : t = Sunday, 01/03/2026 04:05:09\n"
+            "[I]: fn : t = Saturday, 31/12/0999 23:59:58\n");
+}
+
+TEST_F(TraceFile, AnEntryWhoseFileCannotOpenIsSkipped) {
+  trace();
+  FaultEnv faults(static_cast<platform::Env&>(env_));
+  CTrace failing(L"VMFT_trace.log", L"VMFT_TraceLevel", faults);
+  faults.FailCall(Call::CreateFileW, platform::kErrorAccessDenied);
+  failing.Trace(1, L"f", L"lost");
+  failing.Trace(1, L"f", L"kept");
+  EXPECT_EQ(bodies(), "[E]: f : kept\n");
+}
+
+TEST(TraceOwnDir, GrowsTheBufferBy260AndFallsBackWhenTheQueryFails) {
+  TempDir dir;
+  FakeSystemEnv fake;
+  fake.exe_path = L"Z:\\" + std::wstring(600, L'd') + L"\\vmft";
+  FaultEnv env(static_cast<platform::Env&>(fake));
+  CTrace trace(L"VMFT_trace.log", L"VMFT_TraceLevel", env);
+  varnel::string own;
+  const int before = env.Count(Call::GetModuleFileNameW);
+  trace.GetOwnDir(own);
+  EXPECT_EQ(env.Count(Call::GetModuleFileNameW) - before, 3);  // 260, 520, 780 characters
+  EXPECT_STREQ(own.c_str(), (L"Z:\\" + std::wstring(600, L'd')).c_str());
+
+  env.FailCall(Call::GetModuleFileNameW, platform::kErrorAccessDenied);
+  trace.GetOwnDir(own);
+  EXPECT_STREQ(own.c_str(), L"X:\\Program Files\\Varnel\\KORU");
+}
+
+TEST(TraceThreads, SixteenWritersNeverInterleave) {
+  TempDir dir;
+  FakeSystemEnv env;
+  env.exe_path = dir.win("vmft");
+  CTrace trace(L"VMFT_trace.log", L"VMFT_TraceLevel", env);
+  constexpr int kThreads = 16, kEntries = 150;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&trace, t] {
+      const std::wstring padding(40 + t * 17, static_cast<wchar_t>(L'a' + t));
+      for (int i = 0; i < kEntries; ++i) {
+        const std::wstring text = L"t=" + std::to_wstring(t) + L" i=" + std::to_wstring(i) + L" " + padding;
+        trace.Trace(4, L"Worker::Run", text.c_str());
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+
+  const std::regex line(
+      R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}\]:[0-9a-f]{4,}:\[I\]: Worker::Run : t=(\d+) i=(\d+) ([a-z]+))");
+  std::istringstream in(dir.Read(kLog));
+  std::vector<int> next(kThreads, 0);
+  int count = 0;
+  for (std::string text; std::getline(in, text); ++count) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(text, m, line)) << text;
+    const int t = std::stoi(m[1]);
+    ASSERT_LT(t, kThreads);
+    EXPECT_EQ(std::stoi(m[2]), next[t]++);  // each thread's entries in its order
+    EXPECT_EQ(m[3].str(), std::string(40 + t * 17, static_cast<char>('a' + t)));
+  }
+  EXPECT_EQ(count, kThreads * kEntries);
+}
+
+}  // namespace
