@@ -6,6 +6,7 @@
 #include "mft/attribute.h"
 #include "mft/layout.h"
 #include "support/temp_disk.h"
+#include "support/trace_capture.h"
 
 namespace koru {
 namespace {
@@ -63,6 +64,27 @@ TEST(DataRuns, TruncatedListsStopAtTheirEnd) {
   wide.insert(wide.end(), 15, 0x01);
   wide.push_back(0x05);
   EXPECT_EQ(Decode(wide).size(), 1u);
+}
+
+TEST(DataRuns, OffsetsAreRelativeToThePreviousRunAndTracedAsMagnitudes) {
+  test::TraceCapture trace;
+  // +0x10, then a 3-byte negative field FFFFF8: 2^24 - 0xFFFFF8 = 8 back.
+  const auto r = Decode({0x11, 0x02, 0x10, 0x31, 0x01, 0xF8, 0xFF, 0xFF, 0x00}, 4);
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_EQ(r[0], SectorRange(0x10 * 4, 0x12 * 4));
+  EXPECT_EQ(r[1], SectorRange(0x08 * 4, 0x09 * 4));
+  EXPECT_TRUE(trace.Contains(L"Attribute::ProcessDataRun : abs_offset = 8"));
+  // A positive 8-byte field is taken as it is.
+  const auto big = Decode({0x81, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00}, 1);
+  ASSERT_EQ(big.size(), 1u);
+  EXPECT_EQ(big[0].first, 0x0100000000000000ull);
+}
+
+TEST(DataRuns, AnOffsetFieldCutByTheEndOfTheBytesEndsTheDecoding) {
+  // The second run wants 2 offset bytes and finds 1: no half-read run is added.
+  EXPECT_EQ(Decode({0x11, 0x04, 0x10, 0x21, 0x04, 0x10}), (SectorRanges{{0x80, 0xA0}}));
+  // A list that ends right after a complete run needs no closing 0.
+  EXPECT_EQ(Decode({0x11, 0x04, 0x10, 0x11, 0x01, 0x01}), (SectorRanges{{0x80, 0xA0}, {0x88, 0x90}}));
 }
 
 // A non-resident $DATA attribute of `length` bytes whose run list starts at 0x40.
