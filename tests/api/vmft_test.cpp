@@ -1,0 +1,154 @@
+#include "koru_mft/vmft.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <sstream>
+
+#include "support/fake_system_env.h"
+#include "support/temp_dir.h"
+#include "support/trace_capture.h"
+
+namespace {
+
+using koru::test::Call;
+using koru::test::FakeSystemEnv;
+using koru::test::FaultEnv;
+using koru::test::TempDir;
+using koru::test::TraceCapture;
+
+constexpr const wchar_t* kUsQuery = L"\\StringFileInfo\\040904B0\\FileVersion";
+constexpr const wchar_t* kUkQuery = L"\\StringFileInfo\\080904B0\\FileVersion";
+
+std::string Narrow(const std::wstring& text) {
+  std::string out;
+  for (wchar_t c : text) out += static_cast<char>(c);
+  return out;
+}
+
+TEST(VmftModuleProperty, UnknownCategoriesReturnOneAndLeaveTheString) {
+  for (int category : {0, 3}) {
+    varnel::string text(L"as it was");
+    EXPECT_EQ(VMFT::GetModuleProperty(static_cast<VMFT::GMP_CAT>(category), text), 1u);
+    EXPECT_STREQ(text.c_str(), L"as it was");
+  }
+}
+
+TEST(VmftModuleProperty, DescriptionNamesTheBuild) {
+  varnel::string text;
+  EXPECT_EQ(VMFT::GetModuleProperty(VMFT::GMP_CAT_DESCRIPTION, text), 0u);
+  const std::wregex form(LR"(Varnel MFT Library \(VMFT\) created on [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4} at [0-9]{2}:[0-9]{2}:[0-9]{2})");
+  EXPECT_TRUE(std::regex_match(std::wstring(text.c_str()), form)) << Narrow(text.c_str());
+}
+
+// A program in a temporary directory whose kor.ini sends "Log Files" to Logs/.
+class VmftVersion : public ::testing::Test {
+ protected:
+  VmftVersion() : faults_(static_cast<platform::Env&>(fake_)), scoped_(faults_) {
+    fake_.exe_path = dir_.win("vmft");
+    fake_.version_strings[kUsQuery] = L"1.2.3.4";
+    fake_.version_strings[kUkQuery] = L"1.2.3.4-uk";
+    dir_.Write("kor.ini", "[File Locations]\r\nLog Files=" + Narrow(dir_.win("Logs")) + "\r\n");
+    std::filesystem::create_directories(dir_ / "Logs");
+  }
+  std::wstring Version() {
+    varnel::string text(L"untouched");
+    EXPECT_EQ(VMFT::GetModuleProperty(VMFT::GMP_CAT_VERSION, text), 0u);
+    return text.c_str();
+  }
+
+  TempDir dir_;
+  FakeSystemEnv fake_;
+  FaultEnv faults_;
+  platform::ScopedEnv scoped_;
+  TraceCapture trace_;
+};
+
+TEST_F(VmftVersion, ReadsTheFileVersionOfTheLibraryAndRecordsIt) {
+  EXPECT_EQ(Version(), L"1.2.3.4");
+  EXPECT_EQ(fake_.version_queries(), (std::vector<std::wstring>{L"\\VarFileInfo\\Translation", kUsQuery}));
+  EXPECT_EQ(dir_.Read("Logs/Version.log"), "[KORU_MFT.DLL]\r\nVersion=1.2.3.4\r\n");
+  EXPECT_TRUE(trace_.Has(L"[V]: VMFT::GetResourceVersionStr : starting ..."));
+  EXPECT_TRUE(trace_.Has(L"[V]: VMFT::GetResourceVersionStr : ... ending"));
+}
+
+TEST_F(VmftVersion, VersionLogKeepsOtherModules) {
+  dir_.Write("Logs/Version.log", "[OTHER.DLL]\r\nVersion=7\r\n[KORU_MFT.DLL]\r\nVersion=0.9\r\n");
+  Version();
+  EXPECT_EQ(dir_.Read("Logs/Version.log"), "[OTHER.DLL]\r\nVersion=7\r\n[KORU_MFT.DLL]\r\nVersion=1.2.3.4\r\n");
+}
+
+TEST_F(VmftVersion, WithoutATranslationTable0809And04B0AreUsed) {
+  faults_.FailCall(Call::VerQueryValueW, platform::kErrorResourceTypeNotFound);
+  EXPECT_EQ(Version(), L"1.2.3.4-uk");
+  EXPECT_TRUE(trace_.Has(L"[E]: VMFT::GetResourceVersionStr : VerQueryValue failed : dwLastError = 1813"));
+  EXPECT_EQ(fake_.version_queries(), (std::vector<std::wstring>{kUkQuery}));
+
+  trace_.Reset();
+  fake_.translation.reset();  // a block that has none
+  EXPECT_EQ(Version(), L"1.2.3.4-uk");
+  EXPECT_TRUE(trace_.Has(L"[E]: VMFT::GetResourceVersionStr : VerQueryValue failed : dwLastError = 1813"));
+}
+
+TEST_F(VmftVersion, ALibraryUnderAnotherNameReportsTheProgramsVersion) {
+  fake_.library_loaded = false;
+  fake_.version_strings[kUsQuery] = L"5.0.0.1";
+  EXPECT_EQ(Version(), L"5.0.0.1");
+  EXPECT_TRUE(trace_.Has(L"[I]: VMFT::GetResourceVersionStr : No module handle, running as static lib?"));
+}
+
+TEST_F(VmftVersion, EveryFailureLeavesErrorAndSaysWhy) {
+  struct Case {
+    Call call;
+    int nth;
+    const wchar_t* line;
+  };
+  const Case cases[] = {
+      {Call::GetModuleHandleW, 0, L"[V]: VMFT::GetResourceVersionStr : ... ending( null module )"},
+      {Call::GetModuleFileNameW, 1, L"[E]: VMFT::GetResourceVersionStr : ... ending( GetModuleFileNameW failed )"},
+      {Call::GetFileVersionInfoSizeW, 1,
+       L"[E]: VMFT::GetResourceVersionStr : ... ending( GetFileVersionInfoSize failed ) : dwLastError = 5"},
+      {Call::GetFileVersionInfoW, 1, L"[E]: VMFT::GetResourceVersionStr : ... ending( GetFileVersionInfo failed )"},
+      {Call::VerQueryValueW, 2, L"[E]: VMFT::GetResourceVersionStr : VerQueryValue failed : dwLastError = 5"},
+  };
+  for (const Case& c : cases) {
+    trace_.Reset();
+    faults_.Clear();
+    faults_.FailCall(c.call, platform::kErrorAccessDenied, c.nth);
+    EXPECT_EQ(Version(), L"Error") << Narrow(c.line);
+    EXPECT_TRUE(trace_.Has(c.line)) << Narrow(c.line);
+  }
+  EXPECT_FALSE(dir_.Exists("Logs/Version.log"));
+}
+
+TEST_F(VmftVersion, AModuleNameLongerThan260IsGrownInto) {
+  fake_.library_path = L"Z:\\" + std::wstring(300, L'x') + L"\\KORU_MFT.DLL";
+  EXPECT_EQ(Version(), L"1.2.3.4");
+}
+
+TEST_F(VmftVersion, NoLogDirectoryMeansNoVersionLog) {
+  faults_.FailCall(Call::GetModuleFileNameW, platform::kErrorAccessDenied, 2);  // GetOwnDir's
+  EXPECT_EQ(Version(), L"1.2.3.4");
+  EXPECT_FALSE(dir_.Exists("Logs/Version.log"));
+}
+
+TEST_F(VmftVersion, ConstructorTracesVersionAndDescription) {
+  std::wostringstream out;
+  VMFT object(out);
+  EXPECT_TRUE(trace_.Has(L"[I]: VMFT::VMFT : Constructor"));
+  EXPECT_TRUE(trace_.Has(L"[I]: VMFT::VMFT : sVersion = \"1.2.3.4\""));
+  EXPECT_TRUE(trace_.Contains(L"[I]: VMFT::VMFT : sDescription = \"Varnel MFT Library (VMFT) created on "));
+  EXPECT_TRUE(out.str().empty());
+}
+
+#ifndef _WIN32
+TEST(VmftVersionLinux, AProgramLinkingTheCoreItselfHasNoVersionResource) {
+  TraceCapture trace;
+  varnel::string text;
+  EXPECT_EQ(VMFT::GetModuleProperty(VMFT::GMP_CAT_VERSION, text), 0u);
+  EXPECT_STREQ(text.c_str(), L"Error");
+  EXPECT_TRUE(trace.Has(L"[I]: VMFT::GetResourceVersionStr : No module handle, running as static lib?"));
+}
+#endif
+
+}  // namespace
