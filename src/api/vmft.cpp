@@ -49,6 +49,7 @@ std::uint32_t VMFT::GetModuleProperty(GMP_CAT category, varnel::string& sPropert
   switch (category) {
     case GMP_CAT_DESCRIPTION: {
       wchar_t text[100];
+      // %ls: the portable spelling of the Windows wide printf's %S for these narrow build texts.
       varnel::FormatFixed(text, 100, L"Varnel MFT Library (VMFT) created on %ls at %ls",
                           varnel::string(KORU_BUILD_DATE).c_str(), varnel::string(KORU_BUILD_TIME).c_str());
       sProperty = text;
@@ -76,16 +77,17 @@ void VMFT::GetResourceVersionStr(const varnel::string& sDllName, varnel::string&
 
   const varnel::string file = ModuleFileName(env, module);
   if (file.empty()) {
-    return fn.EndText(L"... ending( GetModuleFileNameW failed )", varnel::kTraceError);
+    return fn.FailedAs(L"VMFT::GetResourceVersionStr : ... ending( GetModuleFileNameW failed )", env.GetLastError());
   }
 
   const DWORD size = env.GetFileVersionInfoSizeW(file.c_str());
   if (size == 0) {
-    return fn.Failed(L"... ending( GetFileVersionInfoSize failed )", env.GetLastError());
+    return fn.FailedAs(L"VMFT::GetResourceVersionStr : ... ending( GetFileVersionInfoSize failed )",
+                       env.GetLastError());
   }
   std::vector<unsigned char> block(size, 0);
   if (!env.GetFileVersionInfoW(file.c_str(), size, block.data())) {
-    return fn.EndText(L"... ending( GetFileVersionInfo failed )", varnel::kTraceError);
+    return fn.FailedAs(L"VMFT::GetResourceVersionStr : ... ending( GetFileVersionInfo failed )", env.GetLastError());
   }
 
   unsigned language = 0x0809, code_page = 0x04B0;
@@ -97,8 +99,7 @@ void VMFT::GetResourceVersionStr(const varnel::string& sDllName, varnel::string&
     language = static_cast<unsigned>(words[0] | (words[1] << 8));
     code_page = static_cast<unsigned>(words[2] | (words[3] << 8));
   } else {
-    fn.trace().Trace(varnel::kTraceError, L"VMFT::GetResourceVersionStr : VerQueryValue failed", L"dwLastError",
-                     static_cast<std::int64_t>(env.GetLastError()));
+    fn.FailedAs(L"VMFT::GetResourceVersionStr : VerQueryValue failed", env.GetLastError());
   }
 
   wchar_t query[37];
@@ -118,8 +119,7 @@ void VMFT::GetResourceVersionStr(const varnel::string& sDllName, varnel::string&
       }
     }
   } else {
-    fn.trace().Trace(varnel::kTraceError, L"VMFT::GetResourceVersionStr : VerQueryValue failed", L"dwLastError",
-                     static_cast<std::int64_t>(env.GetLastError()));
+    fn.FailedAs(L"VMFT::GetResourceVersionStr : VerQueryValue failed", env.GetLastError());
   }
 }
 

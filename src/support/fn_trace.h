@@ -53,6 +53,13 @@ class FnTrace {
     if (text.rfind(L"... ending", 0) == 0) m_ended = true;
   }
 
+  // The same, with the whole function text written out ("Fn : ... ending( what )"),
+  // for texts that are kept verbatim where they are written.
+  void FailedAs(const wchar_t* function_text, DWORD last_error) {
+    m_trace.Trace(kTraceError, function_text, L"dwLastError", static_cast<std::int64_t>(last_error));
+    if (std::wstring(function_text).find(L" : ... ending") != std::wstring::npos) m_ended = true;
+  }
+
   template <typename T>
   void Value(const wchar_t* name, const T& value, DWORD level = kTraceInfo) {
     ValueOf(m_trace, level, m_function, name, value);

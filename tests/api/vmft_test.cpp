@@ -105,10 +105,11 @@ TEST_F(VmftVersion, EveryFailureLeavesErrorAndSaysWhy) {
   };
   const Case cases[] = {
       {Call::GetModuleHandleW, 0, L"[V]: VMFT::GetResourceVersionStr : ... ending( null module )"},
-      {Call::GetModuleFileNameW, 1, L"[E]: VMFT::GetResourceVersionStr : ... ending( GetModuleFileNameW failed )"},
+      {Call::GetModuleFileNameW, 1, L"[E]: VMFT::GetResourceVersionStr : ... ending( GetModuleFileNameW failed ) : dwLastError = 5"},
       {Call::GetFileVersionInfoSizeW, 1,
        L"[E]: VMFT::GetResourceVersionStr : ... ending( GetFileVersionInfoSize failed ) : dwLastError = 5"},
-      {Call::GetFileVersionInfoW, 1, L"[E]: VMFT::GetResourceVersionStr : ... ending( GetFileVersionInfo failed )"},
+      {Call::GetFileVersionInfoW, 1,
+       L"[E]: VMFT::GetResourceVersionStr : ... ending( GetFileVersionInfo failed ) : dwLastError = 5"},
       {Call::VerQueryValueW, 2, L"[E]: VMFT::GetResourceVersionStr : VerQueryValue failed : dwLastError = 5"},
   };
   for (const Case& c : cases) {
@@ -117,6 +118,9 @@ TEST_F(VmftVersion, EveryFailureLeavesErrorAndSaysWhy) {
     faults_.FailCall(c.call, platform::kErrorAccessDenied, c.nth);
     EXPECT_EQ(Version(), L"Error") << Narrow(c.line);
     EXPECT_TRUE(trace_.Has(c.line)) << Narrow(c.line);
+    // An early ending is the only ending; a failed value query ends normally.
+    EXPECT_EQ(trace_.Has(L"[V]: VMFT::GetResourceVersionStr : ... ending"), c.call == Call::VerQueryValueW)
+        << Narrow(c.line);
   }
   EXPECT_FALSE(dir_.Exists("Logs/Version.log"));
 }
