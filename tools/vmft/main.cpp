@@ -16,7 +16,6 @@ std::vector<Entry>& Registry() {
 
 Registrar::Registrar(int order, Setup setup) { Registry().push_back({order, std::move(setup)}); }
 
-namespace {
 std::string Utf8(const std::wstring& text) {
   std::string out;
   for (wchar_t wc : text) {
@@ -40,7 +39,6 @@ std::string Utf8(const std::wstring& text) {
   }
   return out;
 }
-}  // namespace
 
 void Out(const std::wstring& text) {
   std::cout << Utf8(text);
@@ -60,8 +58,9 @@ std::wstring Widen(const std::string& text) {
 
 }  // namespace vmft
 
-int main(int argc, char** argv) {
-  std::setlocale(LC_ALL, "");
+namespace {
+
+int Run(int argc, char** argv) {
   CLI::App app{"vmft - read the MFT of NTFS volumes below the file system"};
   app.require_subcommand(1);
   vmft::Global global;
@@ -103,3 +102,23 @@ int main(int argc, char** argv) {
     if (command.sub->parsed()) return command.run();
   return 1;
 }
+
+}  // namespace
+
+#if defined(_WIN32)
+// Windows hands the arguments over in UTF-16; the options are parsed as UTF-8, as on Linux.
+int wmain(int argc, wchar_t** argv) {
+  std::setlocale(LC_ALL, "");
+  std::vector<std::string> args;
+  for (int i = 0; i < argc; ++i) args.push_back(vmft::Utf8(argv[i]));
+  std::vector<char*> pointers;
+  for (auto& arg : args) pointers.push_back(arg.data());
+  pointers.push_back(nullptr);
+  return Run(argc, pointers.data());
+}
+#else
+int main(int argc, char** argv) {
+  std::setlocale(LC_ALL, "");
+  return Run(argc, argv);
+}
+#endif

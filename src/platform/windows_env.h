@@ -1,0 +1,62 @@
+// WindowsEnv: every Env call forwarded to Win32, nothing added. The header keeps
+// <windows.h> out of its includers.
+#pragma once
+
+#include "platform/env.h"
+
+namespace platform {
+
+class WindowsEnv : public Env {
+ public:
+  DWORD GetLastError() override;
+  void SetLastError(DWORD error) override;
+  HMODULE GetModuleHandleW(const wchar_t* module_name) override;
+  DWORD GetModuleFileNameW(HMODULE module, wchar_t* buffer, DWORD size) override;
+  DWORD GetFileVersionInfoSizeW(const wchar_t* file_name) override;
+  bool GetFileVersionInfoW(const wchar_t* file_name, DWORD size, void* data) override;
+  bool VerQueryValueW(const void* block, const wchar_t* sub_block, const void** value, UINT* length) override;
+  DWORD GetPrivateProfileStringW(const wchar_t* section, const wchar_t* key, const wchar_t* default_value,
+                                 wchar_t* buffer, DWORD size, const wchar_t* file_name) override;
+  UINT GetPrivateProfileIntW(const wchar_t* section, const wchar_t* key, int default_value,
+                             const wchar_t* file_name) override;
+  bool WritePrivateProfileStringW(const wchar_t* section, const wchar_t* key, const wchar_t* value,
+                                  const wchar_t* file_name) override;
+  bool PathFileExistsW(const wchar_t* path) override;
+  bool PathIsDirectoryW(const wchar_t* path) override;
+  bool CreateDirectoryW(const wchar_t* path) override;
+  bool CopyFileW(const wchar_t* from, const wchar_t* to, bool fail_if_exists) override;
+  bool DeleteFileW(const wchar_t* path) override;
+  HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition, DWORD flags) override;
+  bool ReadFile(HANDLE file, void* buffer, DWORD to_read, DWORD* read) override;
+  bool WriteFile(HANDLE file, const void* buffer, DWORD to_write, DWORD* written) override;
+  bool SetFilePointerEx(HANDLE file, std::int64_t distance, std::int64_t* new_position, DWORD method) override;
+  bool CloseHandle(HANDLE handle) override;
+  bool DeviceIoControl(HANDLE device, DWORD code, const void* in, DWORD in_size, void* out, DWORD out_size,
+                       DWORD* returned) override;
+  bool GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wchar_t* buffer, DWORD size) override;
+  void GetLocalTime(SystemTime* time) override;
+  DWORD GetCurrentThreadId() override;
+  std::wostream& StdOut() override;
+  bool GetVersionExW(OsVersionInfo* info) override;
+  bool GetProductInfo(DWORD major, DWORD minor, DWORD sp_major, DWORD sp_minor, DWORD* product_type) override;
+  UINT GetSystemDirectoryW(wchar_t* buffer, UINT size) override;
+  UINT GetSystemWow64DirectoryW(wchar_t* buffer, UINT size) override;
+  LONG RegOpenKeyExW(HKEY root, const wchar_t* sub_key, DWORD options, DWORD sam, HKEY* result) override;
+  LONG RegQueryValueExW(HKEY key, const wchar_t* value_name, DWORD* type, void* data, DWORD* size) override;
+  LONG RegCloseKey(HKEY key) override;
+  LONG RegUnLoadKeyW(HKEY root, const wchar_t* sub_key) override;
+  bool OpenProcessToken(DWORD access, HANDLE* token) override;
+  bool LookupPrivilegeValueW(const wchar_t* name, Luid* luid) override;
+  bool AdjustTokenPrivileges(HANDLE token, const TokenPrivileges* new_state, DWORD previous_size,
+                             TokenPrivileges* previous, DWORD* returned) override;
+};
+
+namespace windows {
+// Wine's version text (ntdll!wine_get_version), or nullptr on real Windows.
+const char* WineVersion();
+// FindFirstFileNameW where the system has it (Wine has not); nullptr otherwise.
+// Kept as the raw export until Env carries the file-level calls.
+void* FindFirstFileNameWEntry();
+}  // namespace windows
+
+}  // namespace platform
