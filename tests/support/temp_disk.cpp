@@ -1,31 +1,61 @@
 #include "support/temp_disk.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <stdexcept>
 
 #include "koru_mft/tool.h"
+#include "platform/env.h"
+#include "support/image_env.h"
+#if !defined(_WIN32)
 #include "platform/posix_env.h"
+#endif
 
 namespace koru::test {
 
-TempDisk::TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_size) {
+struct TempDisk::Served {
+  Served(const std::vector<std::byte>& bytes, std::uint32_t sector_size)
+      : env(platform::Env::Default(), bytes, sector_size), scope(env) {}
+  ImageEnv env;
+  platform::ScopedEnv scope;
+};
+
+namespace {
+// Unique among concurrent test processes without asking the OS for a process id.
+std::string UniqueName() {
   static std::atomic<int> counter{0};
+  static const auto stamp = std::to_string(std::random_device{}()) + "-" +
+                            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
+  return "disk-" + stamp + "-" + std::to_string(counter++) + ".img";
+}
+}  // namespace
+
+TempDisk::TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_size) {
   std::filesystem::create_directories(KORU_TEST_TMP);
-  path_ = std::string(KORU_TEST_TMP) + "/disk-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + ".img";
+  path_ = std::string(KORU_TEST_TMP) + "/" + UniqueName();
   std::ofstream out(path_, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   out.close();
+#if defined(_WIN32)
+  served_ = std::make_unique<Served>(bytes, sector_size);
+#else
   platform::posix::ResetDisks();
   std::string error;
   const std::string spec = sector_size ? path_ + ":" + std::to_string(sector_size) : path_;
   if (!koru::tool::AttachDisk(spec, &error)) throw std::runtime_error(error);
+#endif
 }
 
 TempDisk::~TempDisk() {
+#if defined(_WIN32)
+  served_.reset();
+#else
   platform::posix::ResetDisks();
+#endif
   std::error_code ec;
   std::filesystem::remove(path_, ec);
 }

@@ -1,10 +1,13 @@
-// A disk image written by a test and attached as \\.\PhysicalDrive0 (Linux), so the
-// core reads it through the same calls as a real disk.
+// A disk image written by a test and attached as \\.\PhysicalDrive0, so the core
+// reads it through the same calls as a real disk: through PosixEnv on Linux, and on
+// Windows through an ImageEnv installed for the object's life (a bare NTFS volume is
+// also C: there; partition tables are read only on Linux).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,7 +23,9 @@ class TempDisk {
   const std::string& path() const { return path_; }
 
  private:
+  struct Served;  // Windows: the ImageEnv and its scope
   std::string path_;
+  std::unique_ptr<Served> served_;
 };
 
 // Little helpers to build on-disk structures byte by byte.
