@@ -76,6 +76,9 @@ class CTrace {
   void StartFresh();
   string LogFilePath();
   DWORD EnvironmentKind() const { return m_dwEnvironment; }
+  // Takes another environment kind than the process record's (a caller that
+  // classified another system, and tests).
+  void UseEnvironmentKind(DWORD kind) { m_dwEnvironment = kind; }
 
   // The body of the calling thread's most recent error or warning entry, whether or
   // not it reached the file: what a command-line caller reports on failure.

@@ -318,6 +318,57 @@ TEST_F(TraceFile, AnEntryWhoseFileCannotOpenIsSkipped) {
   EXPECT_EQ(bodies(), "[E]: f : kept\n");
 }
 
+// Records which INI files the trace asks; answers as if none existed.
+class IniRecordingEnv : public FakeSystemEnv {
+ public:
+  std::vector<std::wstring> files;
+  std::vector<std::wstring> defaults;
+  bool empty_answers = false;
+  platform::UINT GetPrivateProfileIntW(const wchar_t*, const wchar_t*, int fallback, const wchar_t* file) override {
+    files.push_back(file);
+    return static_cast<platform::UINT>(fallback);
+  }
+  platform::DWORD GetPrivateProfileStringW(const wchar_t*, const wchar_t*, const wchar_t* fallback, wchar_t* buffer,
+                                 platform::DWORD size, const wchar_t* file) override {
+    files.push_back(file);
+    defaults.push_back(fallback ? fallback : L"");
+    const std::wstring text = empty_answers ? L"" : defaults.back();
+    const std::size_t n = std::min<std::size_t>(text.size(), size - 1);
+    std::copy_n(text.data(), n, buffer);
+    buffer[n] = 0;
+    return static_cast<platform::DWORD>(n);
+  }
+  bool CreateDirectoryW(const wchar_t*) override { return false; }
+};
+
+TEST(TraceWinPE, KindTwentyReadsItsSettingsUnderZKoru) {
+  TempDir dir;
+  IniRecordingEnv env;
+  env.exe_path = dir.win("vmft");
+  CTrace trace(L"VMFT_trace.log", L"VMFT_TraceLevel", env);
+  trace.ReadLevel();
+  ASSERT_EQ(env.files.size(), 2u);
+  EXPECT_EQ(env.files[0], dir.win("kor.ini"));
+  EXPECT_EQ(env.files[1], dir.win("trace.ini"));
+
+  trace.UseEnvironmentKind(20);
+  trace.ReadLevel();
+  EXPECT_EQ(env.files.back(), L"Z:\\KORU\\trace.ini");
+}
+
+TEST(TraceWinPE, KindTwentyDefaultsTheLogDirectoryToZKoru) {
+  TempDir dir;
+  IniRecordingEnv env;
+  env.exe_path = dir.win("vmft");
+  env.empty_answers = true;  // "Logfiles=" left empty: nothing is cached
+  CTrace trace(L"VMFT_trace.log", L"VMFT_TraceLevel", env);
+  EXPECT_EQ(env.defaults.back(), dir.win("Logfiles"));
+  trace.UseEnvironmentKind(20);
+  varnel::string where;
+  trace.GetLogDir(where);
+  EXPECT_EQ(env.defaults.back(), L"Z:\\KORU\\Logfiles");
+}
+
 TEST(TraceOwnDir, GrowsTheBufferBy260AndFallsBackWhenTheQueryFails) {
   TempDir dir;
   FakeSystemEnv fake;
