@@ -40,7 +40,9 @@ class TempDir {
   std::wstring win(const std::string& name = "") const {
     const std::filesystem::path p = name.empty() ? path_ : path_ / name;
 #ifdef _WIN32
-    return p.wstring();
+    std::wstring text = p.wstring();
+    std::replace(text.begin(), text.end(), L'/', L'\\');
+    return text;
 #else
     std::wstring text;
     for (char c : p.string()) text += c == '/' ? L'\\' : static_cast<wchar_t>(static_cast<unsigned char>(c));
