@@ -58,13 +58,12 @@ void Attribute::ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ran
     }
     trace_value(L"length", length);
 
+    // An offset field cut by the end of the list is used as far as it was read;
+    // decoding ends after that run, as there is no header byte left to take.
     std::uint64_t rel_offset = 0;
     std::uint8_t last = 0;
     for (unsigned i = 0; i < offset_size; ++i) {
-      if (--remaining < 0) {
-        fn.End(L"run offset field past the end of the run list");
-        return;
-      }
+      if (--remaining < 0) break;
       last = runs.front();
       runs.pop_front();
       if (i < 8) rel_offset |= std::uint64_t{last} << (8 * i);
@@ -91,7 +90,11 @@ void Attribute::ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ran
       trace_value(L"uiEnd", uiEnd);
       ranges.emplace_back(uiStart, uiEnd);
     }
-    if (remaining <= 0) return;
+    if (remaining < 0) {
+      fn.End(L"run offset field past the end of the run list");
+      return;
+    }
+    if (remaining == 0) return;
     header = runs.front();
     runs.pop_front();
     --remaining;

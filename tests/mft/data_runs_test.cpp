@@ -56,7 +56,11 @@ TEST(DataRuns, EightByteOffsetsUseTheDecodersOwnLimit) {
 TEST(DataRuns, TruncatedListsStopAtTheirEnd) {
   EXPECT_TRUE(Decode({}).empty());
   EXPECT_TRUE(Decode({0x31}).empty());              // no length bytes
-  EXPECT_TRUE(Decode({0x31, 0x40, 0x00}).empty());  // offset cut short
+  EXPECT_TRUE(Decode({0x31, 0x40, 0x00}).empty());  // offset cut short: 0 read, nothing moves
+  // A cut offset field counts with the bytes it has, and nothing is read after it.
+  const auto cut = Decode({0x31, 0x40, 0x00, 0x10}, 8);
+  ASSERT_EQ(cut.size(), 1u);
+  EXPECT_EQ(cut[0], SectorRange(0x1000 * 8, 0x1040 * 8));
   // A list that ends without its 0 byte keeps what it decoded.
   EXPECT_EQ(Decode({0x11, 0x04, 0x10}).size(), 1u);
   // Length fields wider than 8 bytes are consumed without overflowing.
@@ -80,9 +84,10 @@ TEST(DataRuns, OffsetsAreRelativeToThePreviousRunAndTracedAsMagnitudes) {
   EXPECT_EQ(big[0].first, 0x0100000000000000ull);
 }
 
-TEST(DataRuns, AnOffsetFieldCutByTheEndOfTheBytesEndsTheDecoding) {
-  // The second run wants 2 offset bytes and finds 1: no half-read run is added.
-  EXPECT_EQ(Decode({0x11, 0x04, 0x10, 0x21, 0x04, 0x10}), (SectorRanges{{0x80, 0xA0}}));
+TEST(DataRuns, AnOffsetFieldCutByTheEndOfTheBytesCountsAsReadAndEndsTheDecoding) {
+  // The second run wants 2 offset bytes and finds 1: it moves by that byte, and
+  // the decoder takes no header from beyond the list.
+  EXPECT_EQ(Decode({0x11, 0x04, 0x10, 0x21, 0x04, 0x10}), (SectorRanges{{0x80, 0xA0}, {0x100, 0x120}}));
   // A list that ends right after a complete run needs no closing 0.
   EXPECT_EQ(Decode({0x11, 0x04, 0x10, 0x11, 0x01, 0x01}), (SectorRanges{{0x80, 0xA0}, {0x88, 0x90}}));
 }
