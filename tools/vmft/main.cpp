@@ -18,9 +18,17 @@ Registrar::Registrar(int order, Setup setup) { Registry().push_back({order, std:
 
 std::string Utf8(const std::wstring& text) {
   std::string out;
-  for (wchar_t wc : text) {
-    auto c = static_cast<std::uint32_t>(wc);
-    if (c > 0x10FFFF) c = '?';
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    auto c = static_cast<std::uint32_t>(text[i]);
+    // UTF-16 (Windows): a surrogate pair is one character; a lone half is not text.
+    if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size()) {
+      const auto low = static_cast<std::uint32_t>(text[i + 1]);
+      if (low >= 0xDC00 && low < 0xE000) {
+        c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+        ++i;
+      }
+    }
+    if (c > 0x10FFFF || (c >= 0xD800 && c < 0xE000)) c = '?';
     if (c < 0x80) {
       out += static_cast<char>(c);
     } else if (c < 0x800) {
