@@ -20,6 +20,8 @@
 #include <sstream>
 #include <vector>
 
+#include "support/utf8.h"
+
 namespace platform {
 namespace {
 
@@ -170,51 +172,8 @@ bool IniLookup(const std::string& path, const std::wstring& section, const std::
 
 }  // namespace
 
-std::string ToUtf8(const std::wstring& text) {
-  std::string out;
-  for (wchar_t wc : text) {
-    std::uint32_t c = static_cast<std::uint32_t>(wc);
-    if (c > 0x10FFFF || (c >= 0xD800 && c < 0xE000)) c = '?';
-    if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-  }
-  return out;
-}
-
-std::wstring FromUtf8(const std::string& text) {
-  std::wstring out;
-  for (std::size_t i = 0; i < text.size();) {
-    const auto b = static_cast<unsigned char>(text[i]);
-    std::uint32_t c = b;
-    std::size_t extra = 0;
-    if (b >= 0xF0 && b < 0xF8) { c = b & 0x07; extra = 3; }
-    else if (b >= 0xE0) { c = b & 0x0F; extra = 2; }
-    else if (b >= 0xC0) { c = b & 0x1F; extra = 1; }
-    else if (b >= 0x80) { out.push_back(L'?'); ++i; continue; }
-    bool ok = true;
-    for (std::size_t k = 1; k <= extra; ++k) {
-      if (i + k >= text.size() || (static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) { ok = false; break; }
-      c = (c << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-    }
-    if (!ok) { out.push_back(L'?'); ++i; continue; }
-    out.push_back(static_cast<wchar_t>(c));
-    i += extra + 1;
-  }
-  return out;
-}
+std::string ToUtf8(const std::wstring& text) { return koru::Utf8FromWide(text); }
+std::wstring FromUtf8(const std::string& text) { return koru::WideFromUtf8(text); }
 
 std::string HostPath(const wchar_t* windows_path) {
   if (windows_path == nullptr) return {};

@@ -11,6 +11,7 @@
 
 #include "support/format.h"
 #include "support/system_environment.h"
+#include "support/utf8.h"
 
 namespace varnel {
 namespace {
@@ -21,37 +22,6 @@ constexpr platform::DWORD kMaxPathChars = 32768;
 
 thread_local std::wstring t_last_problem;
 
-void ToUtf8Bytes(const std::wstring& text, std::string& out) {
-  out.clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    std::uint32_t c = static_cast<std::uint32_t>(text[i]);
-    if constexpr (sizeof(wchar_t) == 2) {
-      if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size()) {
-        const std::uint32_t low = static_cast<std::uint32_t>(text[i + 1]);
-        if (low >= 0xDC00 && low < 0xE000) {
-          c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
-          ++i;
-        }
-      }
-    }
-    if (c > 0x10FFFF || (c >= 0xD800 && c < 0xE000)) c = '?';
-    if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-  }
-}
 
 const wchar_t* Marker(platform::DWORD level) {
   switch (level) {
@@ -299,8 +269,7 @@ bool CTrace::AppendToFile(const std::wstring& text) {
                                          platform::kOpenAlways, 0);
   if (!platform::IsValid(h)) return false;
   m_bOpen = true;
-  std::string bytes;
-  ToUtf8Bytes(text, bytes);
+  const std::string bytes = koru::Utf8FromWide(text);
   platform::DWORD written = 0;
   m_env.WriteFile(h, bytes.data(), static_cast<platform::DWORD>(bytes.size()), &written);
   m_env.CloseHandle(h);
