@@ -88,7 +88,10 @@ int Run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    // --help and --version are "errors" that succeed; every refused argument exits 2,
+    // one code for scripts whatever CLI11 numbers the reason.
+    const int rc = app.exit(e);
+    return rc == 0 ? 0 : 2;
   }
 
   if (global.trace_level >= 0) koru::tool::SetTraceLevel(static_cast<unsigned>(global.trace_level));
