@@ -21,9 +21,9 @@ struct VolumeInfo {
 };
 
 // "PATH[:SECTOR_SIZE]": the next \\.\PhysicalDriveN. False with a reason when refused.
-KORU_MFT_API bool AttachDisk(const std::string& spec, std::string* error);
+KORU_MFT_API bool AttachDisk(const std::string& arg, std::string* error);
 // "L=DISK:PARTITION": pins a drive letter to a partition (1-based, table order).
-KORU_MFT_API bool PinVolume(const std::string& spec, std::string* error);
+KORU_MFT_API bool PinVolume(const std::string& arg, std::string* error);
 // Every NTFS or BitLocker volume with a letter, in letter order.
 KORU_MFT_API std::vector<VolumeInfo> ListVolumes();
 

@@ -286,15 +286,15 @@ std::int64_t SizeOf(int fd, bool block_device) {
   return ::fstat(fd, &st) == 0 ? st.st_size : 0;
 }
 
-bool ParseDiskSpec(const std::string& spec, Disk* disk, std::string* error) {
-  std::string path = spec;
+bool ParseDiskSpec(const std::string& arg, Disk* disk, std::string* error) {
+  std::string path = arg;
   DWORD size = 0;
-  const auto colon = spec.rfind(':');
-  if (colon != std::string::npos && colon + 1 < spec.size() &&
-      std::all_of(spec.begin() + static_cast<std::ptrdiff_t>(colon) + 1, spec.end(),
+  const auto colon = arg.rfind(':');
+  if (colon != std::string::npos && colon + 1 < arg.size() &&
+      std::all_of(arg.begin() + static_cast<std::ptrdiff_t>(colon) + 1, arg.end(),
                   [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
-    path = spec.substr(0, colon);
-    const unsigned long value = std::strtoul(spec.c_str() + colon + 1, nullptr, 10);
+    path = arg.substr(0, colon);
+    const unsigned long value = std::strtoul(arg.c_str() + colon + 1, nullptr, 10);
     if (value < 512 || value > 65536 || (value & (value - 1)) != 0) {
       *error = "sector size must be a power of two from 512 to 65536";
       return false;
@@ -316,29 +316,29 @@ bool ParseDiskSpec(const std::string& spec, Disk* disk, std::string* error) {
   return true;
 }
 
-bool ParsePin(const std::string& spec, Pin* pin, std::string* error) {
+bool ParsePin(const std::string& arg, Pin* pin, std::string* error) {
   // L=DISK:PARTITION
-  if (spec.size() < 5 || spec[1] != '=' || !std::isalpha(static_cast<unsigned char>(spec[0]))) {
+  if (arg.size() < 5 || arg[1] != '=' || !std::isalpha(static_cast<unsigned char>(arg[0]))) {
     *error = "expected L=DISK:PARTITION";
     return false;
   }
-  const auto colon = spec.find(':', 2);
+  const auto colon = arg.find(':', 2);
   if (colon == std::string::npos) {
     *error = "expected L=DISK:PARTITION";
     return false;
   }
   char* end = nullptr;
-  const long disk = std::strtol(spec.c_str() + 2, &end, 10);
-  if (end != spec.c_str() + colon || disk < 0) {
+  const long disk = std::strtol(arg.c_str() + 2, &end, 10);
+  if (end != arg.c_str() + colon || disk < 0) {
     *error = "bad disk number";
     return false;
   }
-  const long partition = std::strtol(spec.c_str() + colon + 1, &end, 10);
+  const long partition = std::strtol(arg.c_str() + colon + 1, &end, 10);
   if (*end != 0 || partition < 1) {
     *error = "bad partition number (1-based)";
     return false;
   }
-  const auto letter = static_cast<wchar_t>(std::toupper(static_cast<unsigned char>(spec[0])));
+  const auto letter = static_cast<wchar_t>(std::toupper(static_cast<unsigned char>(arg[0])));
   if (letter < L'C') {
     *error = "letters start at C";
     return false;
@@ -386,13 +386,13 @@ void ReadEnvironment(Registry& r) {
   if (r.environment_read) return;
   r.environment_read = true;
   std::string ignored;
-  for (const auto& spec : SplitList(std::getenv("KORU_MFT_DISKS"))) {
+  for (const auto& arg : SplitList(std::getenv("KORU_MFT_DISKS"))) {
     Disk disk;
-    if (ParseDiskSpec(spec, &disk, &ignored)) r.disks.push_back(disk);
+    if (ParseDiskSpec(arg, &disk, &ignored)) r.disks.push_back(disk);
   }
-  for (const auto& spec : SplitList(std::getenv("KORU_MFT_VOLUMES"))) {
+  for (const auto& arg : SplitList(std::getenv("KORU_MFT_VOLUMES"))) {
     Pin pin{};
-    if (ParsePin(spec, &pin, &ignored)) r.pins.push_back(pin);
+    if (ParsePin(arg, &pin, &ignored)) r.pins.push_back(pin);
   }
 }
 
@@ -603,23 +603,23 @@ void ResetDisks() {
 
 namespace koru::tool {
 
-bool AttachDisk(const std::string& spec, std::string* error) {
+bool AttachDisk(const std::string& arg, std::string* error) {
   platform::Registry& r = platform::TheRegistry();
   std::lock_guard<std::mutex> lock(r.mutex);
   platform::ReadEnvironment(r);
   platform::Disk disk;
-  if (!platform::ParseDiskSpec(spec, &disk, error)) return false;
+  if (!platform::ParseDiskSpec(arg, &disk, error)) return false;
   r.disks.push_back(disk);
   r.scanned = false;
   return true;
 }
 
-bool PinVolume(const std::string& spec, std::string* error) {
+bool PinVolume(const std::string& arg, std::string* error) {
   platform::Registry& r = platform::TheRegistry();
   std::lock_guard<std::mutex> lock(r.mutex);
   platform::ReadEnvironment(r);
   platform::Pin pin{};
-  if (!platform::ParsePin(spec, &pin, error)) return false;
+  if (!platform::ParsePin(arg, &pin, error)) return false;
   r.pins.push_back(pin);
   r.scanned = false;
   return true;

@@ -89,12 +89,12 @@ with open(img, "rb") as disk:
 
 # vmft's volumes as "OFFSET LENGTH KIND" lines in its own order (letters C, D, ...
 # in turn), after checking that every entry of the JSON is on disk 0 with $2-byte
-# sectors and a well-formed volume name: $1 disk spec (PATH[:SECTOR_SIZE]), $2
+# sectors and a well-formed volume name: $1 disk argument (PATH[:SECTOR_SIZE]), $2
 # sector size, further arguments go to vmft before the subcommand.
 vmft_volumes() {
-  local spec=$1 bps=$2 json
+  local arg=$1 bps=$2 json
   shift 2
-  json=$("$VMFT" --disk "$spec" "$@" volumes --json) || fail "vmft volumes failed on $spec"
+  json=$("$VMFT" --disk "$arg" "$@" volumes --json) || fail "vmft volumes failed on $arg"
   python3 -c '
 import json, re, sys
 bps = int(sys.argv[1])
@@ -105,21 +105,21 @@ for i, v in enumerate(volumes):
     assert v["bytes_per_sector"] == bps, ("bytes_per_sector", v)
     assert re.fullmatch(r"\\\\\?\\Volume\{[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\}\\", v["volume_name"]), v
     print(v["offset"], v["length"], v["kind"])
-' "$bps" <<<"$json" || fail "vmft volumes --json on $spec: $json"
+' "$bps" <<<"$json" || fail "vmft volumes --json on $arg: $json"
 }
 
 # Fails unless vmft lists exactly the volumes mmls shows, and exactly $3 of them:
-# $1 disk spec for vmft, $2 sector size, $3 count.
+# $1 disk argument for vmft, $2 sector size, $3 count.
 same_volumes() {
-  local spec=$1 bps=$2 count=$3 ours theirs
-  ours=$(vmft_volumes "$spec" "$bps")
-  theirs=$(mmls_volumes "${spec%%:*}" "$bps")
+  local arg=$1 bps=$2 count=$3 ours theirs
+  ours=$(vmft_volumes "$arg" "$bps")
+  theirs=$(mmls_volumes "${arg%%:*}" "$bps")
   if [[ $ours != "$theirs" ]]; then
     diff <(echo "$ours") <(echo "$theirs") >&2 || true
-    fail "$(basename "${spec%%:*}"): vmft volumes differ from mmls"
+    fail "$(basename "${arg%%:*}"): vmft volumes differ from mmls"
   fi
-  [[ $(grep -c . <<<"$ours") == "$count" ]] || fail "$(basename "${spec%%:*}"): expected $count volumes, got: $ours"
-  echo "ok: $(basename "${spec%%:*}"): $count volume(s) as mmls shows them"
+  [[ $(grep -c . <<<"$ours") == "$count" ]] || fail "$(basename "${arg%%:*}"): expected $count volumes, got: $ours"
+  echo "ok: $(basename "${arg%%:*}"): $count volume(s) as mmls shows them"
 }
 
 # --- the MFT range tests

@@ -45,8 +45,8 @@ TempDisk::TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_siz
 #else
   platform::posix::ResetDisks();
   std::string error;
-  const std::string spec = sector_size ? path_ + ":" + std::to_string(sector_size) : path_;
-  if (!koru::tool::AttachDisk(spec, &error)) throw std::runtime_error(error);
+  const std::string arg = sector_size ? path_ + ":" + std::to_string(sector_size) : path_;
+  if (!koru::tool::AttachDisk(arg, &error)) throw std::runtime_error(error);
 #endif
 }
 

@@ -95,17 +95,17 @@ int Run(int argc, char** argv) {
   }
 
   if (global.trace_level >= 0) koru::tool::SetTraceLevel(static_cast<unsigned>(global.trace_level));
-  for (const auto& spec : global.disks) {
+  for (const auto& arg : global.disks) {
     std::string error;
-    if (!koru::tool::AttachDisk(spec, &error)) {
-      vmft::Err(L"vmft: cannot attach disk " + vmft::Widen(spec) + L": " + vmft::Widen(error) + L"\n");
+    if (!koru::tool::AttachDisk(arg, &error)) {
+      vmft::Err(L"vmft: cannot attach disk " + vmft::Widen(arg) + L": " + vmft::Widen(error) + L"\n");
       return 2;
     }
   }
-  for (const auto& spec : global.volumes) {
+  for (const auto& arg : global.volumes) {
     std::string error;
-    if (!koru::tool::PinVolume(spec, &error)) {
-      vmft::Err(L"vmft: bad --volume " + vmft::Widen(spec) + L": " + vmft::Widen(error) + L"\n");
+    if (!koru::tool::PinVolume(arg, &error)) {
+      vmft::Err(L"vmft: bad --volume " + vmft::Widen(arg) + L": " + vmft::Widen(error) + L"\n");
       return 2;
     }
   }
