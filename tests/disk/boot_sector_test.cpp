@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "platform/posix_env.h"
 #include "support/fault_env.h"
 #include "support/temp_disk.h"
@@ -12,111 +14,117 @@ namespace {
 
 using test::Call;
 using test::FaultEnv;
-using test::Put64;
-using test::PutText;
 using test::TempDisk;
 using test::TraceCapture;
+using Image = std::vector<std::byte>;
 
-// A bare NTFS volume of 64 sectors whose boot sector says what the test wants.
-std::vector<std::byte> Volume(std::uint8_t sectors_per_cluster, std::uint64_t mft_cluster,
-                              const char* oem = "NTFS    ") {
-  std::vector<std::byte> disk(64 * 512);
-  PutText(disk, 3, oem);
-  disk[0x0B] = std::byte{0x00};
-  disk[0x0C] = std::byte{0x02};
+// A bare volume of 64 sectors of 512 bytes whose boot sector says what the test wants.
+Image Volume(std::uint8_t sectors_per_cluster, std::uint64_t mft_cluster, const char* oem = "NTFS    ") {
+  Image disk(64 * 512);
+  test::PutText(disk, 3, oem);
+  test::Put16(disk, 0x0B, 512);
   disk[0x0D] = std::byte{sectors_per_cluster};
-  Put64(disk, 0x30, mft_cluster);
-  disk[510] = std::byte{0x55};
-  disk[511] = std::byte{0xAA};
+  test::Put64(disk, 0x30, mft_cluster);
+  test::Put16(disk, 510, 0xAA55);
   return disk;
 }
 
-struct Decoded {
+// `boot` placed at `start` on a disk of `sector_size`-byte sectors.
+Image At(const Image& boot, std::uint64_t start, std::uint32_t sector_size = 512) {
+  Image disk((start + 2) * sector_size);
+  std::copy_n(boot.begin(), std::min<std::size_t>(boot.size(), sector_size),
+              disk.begin() + static_cast<std::ptrdiff_t>(start * sector_size));
+  return disk;
+}
+
+struct Read {
   bool ok;
-  std::uint64_t mft_sector;
-  platform::DWORD sectors_per_cluster;
+  std::uint64_t mft_sector;  // 77 when left untouched
+  BootSector boot;
+  std::wstring stdout_text;
+  int closes;
 };
 
-Decoded Decode(const std::vector<std::byte>& disk, std::uint64_t start_sector = 0) {
-  TempDisk attached(disk, 512);
-  BootSector boot;
-  boot.m_dwBytesPerSector = 512;
-  std::uint64_t sector = 0xDEAD;
-  const bool ok = boot.GetMftSector(VolumeStart{0, start_sector}, sector);
-  return {ok, sector, boot.m_dwSectorsPerCluster};
+// Attaches `disk` and runs GetMftSector on the volume at `start`, with `fault` injected.
+Read ReadBoot(const Image& disk, std::uint64_t start = 0, std::uint32_t sector_size = 512,
+              const std::function<void(FaultEnv&)>& fault = nullptr) {
+  TempDisk attached(disk, sector_size);
+  FaultEnv env(platform::Env::Default());
+  platform::ScopedEnv scoped(env);
+  if (fault) fault(env);
+  Read r{false, 77, BootSector{}, L"", 0};
+  r.boot.m_dwBytesPerSector = sector_size;
+  r.ok = r.boot.GetMftSector(VolumeStart{0, start}, r.mft_sector);
+  r.stdout_text = env.captured_stdout().str();
+  r.closes = env.Count(Call::CloseHandle);
+  return r;
 }
 
 TEST(BootSector, DecodesTheSectorsPerClusterByte) {
-  EXPECT_EQ(Decode(Volume(0x08, 4)).sectors_per_cluster, 8u);
-  EXPECT_EQ(Decode(Volume(0x80, 4)).sectors_per_cluster, 128u);   // not a negative exponent
-  EXPECT_EQ(Decode(Volume(0xF4, 4)).sectors_per_cluster, 4096u);  // 2 MiB clusters
-  EXPECT_EQ(Decode(Volume(0xFF, 4)).sectors_per_cluster, 2u);
-  EXPECT_EQ(Decode(Volume(0xE0, 4)).sectors_per_cluster, 1u);     // shift 32 wraps to 0
-  EXPECT_EQ(Decode(Volume(0x81, 4)).sectors_per_cluster, 1u << 31);
-}
-
-TEST(BootSector, MftSectorIsAbsoluteOnTheDisk) {
-  const auto d = Decode(Volume(0x08, 786432), 0);
-  EXPECT_TRUE(d.ok);
-  EXPECT_EQ(d.mft_sector, 8u * 786432u);
-  // The volume may start anywhere: its start is added.
-  std::vector<std::byte> disk(2048 * 512 + 64 * 512);
-  const auto volume = Volume(0x08, 4);
-  std::copy(volume.begin(), volume.end(), disk.begin() + 2048 * 512);
-  const auto shifted = Decode(disk, 2048);
-  EXPECT_TRUE(shifted.ok);
-  EXPECT_EQ(shifted.mft_sector, 2048u + 32u);
-}
-
-TEST(BootSector, ZeroSectorsPerClusterIsAcceptedButCannotBeUsed) {
-  TempDisk attached(Volume(0, 100), 512);
-  BootSector boot;
-  boot.m_dwBytesPerSector = 512;
-  std::uint64_t sector = 0;
-  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 0}, sector));
-  EXPECT_EQ(sector, 0u);
-  TraceCapture trace;
-  platform::DWORD spc = 99;
-  EXPECT_FALSE(boot.GetSectorsPerCluster(spc));
-  EXPECT_EQ(spc, 99u);
-  EXPECT_TRUE(trace.Has(L"[V]: BootSector::GetSectorsPerCluster : ... ending(sectors per cluster undetermioned)"));
-}
-
-TEST(BootSector, BitLockerFailsAndPrintsTheFallbackLine) {
-  FaultEnv env(platform::Env::Default());
-  platform::ScopedEnv scoped(env);
-  TraceCapture trace;
-  const auto d = Decode(Volume(0x08, 4, "-FVE-FS-"));
-  EXPECT_FALSE(d.ok);
-  EXPECT_EQ(d.mft_sector, 0xDEADu);
-  EXPECT_EQ(env.captured_stdout().str(), L"BitLocker boot sector detected ... using legacy hard-link scan\n");
-  EXPECT_TRUE(trace.Has(L"[W]: BootSector::GetMftSector : ... ending(BitLocker boot sector detected)"));
-}
-
-TEST(BootSector, RealBootSectorsDecodeToWhatTheirVolumesSay) {
   struct Case {
-    const char* file;
-    platform::DWORD sectors_per_cluster;
-  } cases[] = {{"boot-sectors/dfir-512.boot", 1},  {"boot-sectors/dfir-4k.boot", 8},
-               {"boot-sectors/dfir-64k.boot", 128}, {"boot-sectors/dfir-128k.boot", 256},
-               {"boot-sectors/dfir-nobootcode.boot", 8}, {"boot-sectors/libfsntfs-volume_header.1", 1},
-               {"boot-sectors/ez-Boot.bin", 8}, {"boot-sectors/dfir-4kn.boot", 1}};
+    std::uint8_t byte;
+    platform::DWORD decoded;
+  } cases[] = {{0x08, 8}, {0x80, 128}, {0xF4, 4096}, {0xFF, 2}, {0xE0, 1}, {0x81, 1u << 31}, {0x00, 0}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.file);
-    auto disk = test::ReadFileBytes(test::SharedImage(c.file));
-    disk.resize(64 * 512);
-    const auto d = Decode(disk);
-    EXPECT_TRUE(d.ok);
-    EXPECT_EQ(d.sectors_per_cluster, c.sectors_per_cluster);
+    SCOPED_TRACE(c.byte);
+    TraceCapture trace;
+    Read r = ReadBoot(Volume(c.byte, 3));
+    ASSERT_TRUE(r.ok);  // even 0 is accepted here...
+    EXPECT_EQ(r.boot.m_dwSectorsPerCluster, c.decoded);
+    EXPECT_EQ(r.mft_sector, 3ull * c.decoded);
+    // Only bytes above 0x80 are exponents, and only those are traced raw.
+    EXPECT_EQ(trace.Contains(L"Bs.bs_ntfs.bpb.bSectorsPerCluster"), c.byte > 0x80);
+    platform::DWORD spc = 99;  // ...but refused here
+    EXPECT_EQ(r.boot.GetSectorsPerCluster(spc), c.decoded != 0);
+    EXPECT_EQ(spc, c.decoded ? c.decoded : 99u);
+    EXPECT_EQ(trace.Has(L"[V]: BootSector::GetSectorsPerCluster : ... ending(sectors per cluster undetermioned)"),
+              c.decoded == 0);
   }
+}
+
+TEST(BootSector, TracesEveryValueOfASuccessfulRead) {
+  TraceCapture trace;
+  Read r = ReadBoot(At(Volume(0xF4, 3), 4), 4);
+  ASSERT_TRUE(r.ok);
+  EXPECT_EQ(r.mft_sector, 4u + 4096u * 3u);  // the volume's start is added
+  EXPECT_EQ(trace.lines(), (std::vector<std::wstring>{
+                               L"[V]: BootSector::GetMftSector : starting ...",
+                               L"[I]: BootSector::GetMftSector : wszDriveName = \"\\\\.\\PhysicalDrive0\"",
+                               L"[I]: BootSector::GetMftSector : Bs.bs_ntfs.bpb.bSectorsPerCluster = 244",
+                               L"[I]: BootSector::GetMftSector : m_dwSectorsPerCluster = 4096",
+                               L"[I]: BootSector::GetMftSector : uiMftSector = 12292",
+                               L"[V]: BootSector::GetMftSector : ... ending",
+                           }));
+  trace.Reset();
+  platform::DWORD spc = 0;
+  ASSERT_TRUE(r.boot.GetSectorsPerCluster(spc));
+  EXPECT_EQ(trace.lines(), (std::vector<std::wstring>{
+                               L"[V]: BootSector::GetSectorsPerCluster : starting ...",
+                               L"[I]: BootSector::GetSectorsPerCluster : dwSectorsPerCluster = 4096",
+                               L"[V]: BootSector::GetSectorsPerCluster : ... ending",
+                           }));
+}
+
+TEST(BootSector, BitLockerAloneIsRefusedAndPrintsTheFallbackLine) {
+  TraceCapture trace;
+  const Read locked = ReadBoot(Volume(0x08, 4, "-FVE-FS-"));
+  EXPECT_FALSE(locked.ok);
+  EXPECT_EQ(locked.mft_sector, 77u);
+  EXPECT_EQ(locked.stdout_text, L"BitLocker boot sector detected ... using legacy hard-link scan\n");
+  EXPECT_TRUE(trace.Has(L"[W]: BootSector::GetMftSector : ... ending(BitLocker boot sector detected)"));
   for (const char* file : {"bitlocker/bitlk-aes-cbc-128.first64k", "bitlocker/bitlk-aes-xts-128.first64k"}) {
     SCOPED_TRACE(file);
-    EXPECT_FALSE(Decode(test::ReadFileBytes(test::SharedImage(file))).ok);
+    EXPECT_FALSE(ReadBoot(test::ReadFileBytes(test::SharedImage(file))).ok);
   }
+  // BitLocker To Go volumes carry a FAT boot sector: used as it stands, not refused.
+  const Read togo = ReadBoot(test::ReadFileBytes(test::SharedImage("bitlocker/bitlk-togo-aes-xts-128.first64k")));
+  EXPECT_TRUE(togo.ok);
+  EXPECT_EQ(togo.boot.m_dwSectorsPerCluster, 2u);
+  EXPECT_TRUE(togo.stdout_text.empty());
 }
 
 // Each real boot sector placed where its volume began (its hidden-sectors field, when
-// small enough to write), on a disk of its own sector size.
+// small enough to write), on a disk of its own sector size: the seek is in disk sectors.
 TEST(BootSector, RealBootSectorsGiveTheAbsoluteMftSector) {
   struct Case {
     const char* file;
@@ -135,148 +143,45 @@ TEST(BootSector, RealBootSectorsGiveTheAbsoluteMftSector) {
                {"boot-sectors/dfir-128k.boot", 512, 0, 256, 24576}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
-    const auto boot = test::ReadFileBytes(test::SharedImage(c.file));
-    std::vector<std::byte> disk((c.start + 2) * c.bytes_per_sector);
-    std::copy_n(boot.begin(), std::min<std::size_t>(boot.size(), c.bytes_per_sector),
-                disk.begin() + static_cast<std::ptrdiff_t>(c.start * c.bytes_per_sector));
-    TempDisk attached(disk, c.bytes_per_sector);
-    BootSector reader;
-    reader.m_dwBytesPerSector = c.bytes_per_sector;
-    std::uint64_t mft = 0;
-    ASSERT_TRUE(reader.GetMftSector(VolumeStart{0, c.start}, mft));
-    EXPECT_EQ(mft, c.start + c.sectors_per_cluster * c.mft_cluster);
+    Read r = ReadBoot(At(test::ReadFileBytes(test::SharedImage(c.file)), c.start, c.bytes_per_sector), c.start,
+                      c.bytes_per_sector);
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.mft_sector, c.start + c.sectors_per_cluster * c.mft_cluster);
     platform::DWORD spc = 0;
-    ASSERT_TRUE(reader.GetSectorsPerCluster(spc));
+    ASSERT_TRUE(r.boot.GetSectorsPerCluster(spc));
     EXPECT_EQ(spc, c.sectors_per_cluster);
   }
 }
 
-TEST(BootSector, TracesEveryValueOfASuccessfulRead) {
-  std::vector<std::byte> disk(8 * 512);
-  const auto volume = Volume(0xF4, 3);
-  std::copy_n(volume.begin(), 512, disk.begin() + 4 * 512);
-  TempDisk attached(disk, 512);
-  TraceCapture trace;
-  BootSector boot;
-  boot.m_dwBytesPerSector = 512;
-  std::uint64_t sector = 0;
-  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 4}, sector));
-  EXPECT_EQ(sector, 4u + 4096u * 3u);
-  const std::vector<std::wstring> want = {
-      L"[V]: BootSector::GetMftSector : starting ...",
-      L"[I]: BootSector::GetMftSector : wszDriveName = \"\\\\.\\PhysicalDrive0\"",
-      L"[I]: BootSector::GetMftSector : Bs.bs_ntfs.bpb.bSectorsPerCluster = 244",
-      L"[I]: BootSector::GetMftSector : m_dwSectorsPerCluster = 4096",
-      L"[I]: BootSector::GetMftSector : uiMftSector = 12292",
-      L"[V]: BootSector::GetMftSector : ... ending",
+TEST(BootSector, EveryFailureTracesWhyLeavesTheSectorAndClosesTheDisk) {
+  struct Case {
+    std::function<void(FaultEnv&)> fault;
+    std::uint64_t start;
+    const wchar_t* line;
+    int closes;  // the disk is closed whenever it was opened
+  } cases[] = {
+      {[](FaultEnv& e) { e.FailCall(Call::CreateFileW, platform::kErrorAccessDenied); }, 0,
+       L"[E]: BootSector::GetMftSector : ... ending(CreateFile() failed) : dwLastError = 5", 0},
+      {[](FaultEnv& e) { e.FailCall(Call::SetFilePointerEx, platform::kErrorSeek); }, 0,
+       L"[E]: BootSector::GetMftSector : ... ending(SetFilePointerEx() failed) : dwLastError = 25", 1},
+      {[](FaultEnv& e) { e.SeekOff(512); }, 0,
+       L"[V]: BootSector::GetMftSector : ... ending(actual seek offset not equal to requested seek offset)", 1},
+      {[](FaultEnv& e) { e.FailCall(Call::ReadFile, platform::kErrorReadFault); }, 0,
+       L"[E]: BootSector::GetMftSector : ... ending(ReadFile() failed) : dwLastError = 30", 1},
+      {[](FaultEnv& e) { e.ShortRead(511); }, 0,
+       L"[V]: BootSector::GetMftSector : ... ending(bytes read not equal to bytes requested)", 1},
+      {nullptr, 64,  // past the end of the disk
+       L"[V]: BootSector::GetMftSector : ... ending(bytes read not equal to bytes requested)", 1},
   };
-  EXPECT_EQ(trace.lines(), want);
-
-  trace.Reset();
-  platform::DWORD spc = 0;
-  ASSERT_TRUE(boot.GetSectorsPerCluster(spc));
-  EXPECT_EQ(spc, 4096u);
-  const std::vector<std::wstring> want_spc = {
-      L"[V]: BootSector::GetSectorsPerCluster : starting ...",
-      L"[I]: BootSector::GetSectorsPerCluster : dwSectorsPerCluster = 4096",
-      L"[V]: BootSector::GetSectorsPerCluster : ... ending",
-  };
-  EXPECT_EQ(trace.lines(), want_spc);
-}
-
-TEST(BootSector, ByteOf0x80IsNotTracedAsANegativeExponent) {
-  TempDisk attached(Volume(0x80, 1), 512);
-  TraceCapture trace;
-  BootSector boot;
-  boot.m_dwBytesPerSector = 512;
-  std::uint64_t sector = 0;
-  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 0}, sector));
-  EXPECT_EQ(sector, 128u);
-  EXPECT_FALSE(trace.Contains(L"Bs.bs_ntfs.bpb.bSectorsPerCluster"));
-}
-
-TEST(BootSector, SeeksInUnitsOfTheDiskSector) {
-  // A 4096-byte-sector disk: the volume at sector 3 begins at byte 12288.
-  std::vector<std::byte> disk(8 * 4096);
-  const auto volume = Volume(0x01, 10);
-  std::copy_n(volume.begin(), 512, disk.begin() + 3 * 4096);
-  TempDisk attached(disk, 4096);
-  BootSector boot;
-  boot.m_dwBytesPerSector = 4096;
-  std::uint64_t sector = 0;
-  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 3}, sector));
-  EXPECT_EQ(sector, 13u);
-  // Read as if its sectors were 512 bytes, the same start lands on zeros: accepted as
-  // they stand, since the OEM id is never checked for NTFS.
-  boot.m_dwBytesPerSector = 512;
-  ASSERT_TRUE(boot.GetMftSector(VolumeStart{0, 3}, sector));
-  EXPECT_EQ(sector, 3u);
-  EXPECT_EQ(boot.m_dwSectorsPerCluster, 0u);
-}
-
-TEST(BootSector, OtherFileSystemsAreNotRejected) {
-  // BitLocker To Go volumes carry a FAT boot sector: only "-FVE-FS-" is refused.
-  FaultEnv env(platform::Env::Default());
-  platform::ScopedEnv scoped(env);
-  const auto d = Decode(test::ReadFileBytes(test::SharedImage("bitlocker/bitlk-togo-aes-xts-128.first64k")));
-  EXPECT_TRUE(d.ok);
-  EXPECT_EQ(d.sectors_per_cluster, 2u);
-  EXPECT_TRUE(env.captured_stdout().str().empty());
-}
-
-TEST(BootSector, ReadPastTheEndOfTheDiskIsAShortRead) {
-  TempDisk attached(Volume(0x08, 4), 512);  // 64 sectors
-  TraceCapture trace;
-  BootSector boot;
-  boot.m_dwBytesPerSector = 512;
-  std::uint64_t sector = 5;
-  EXPECT_FALSE(boot.GetMftSector(VolumeStart{0, 64}, sector));
-  EXPECT_EQ(sector, 5u);
-  EXPECT_TRUE(trace.Has(L"[V]: BootSector::GetMftSector : ... ending(bytes read not equal to bytes requested)"));
-}
-
-class BootSectorFaults : public ::testing::Test {
- protected:
-  BootSectorFaults() : attached_(Volume(0x08, 4), 512), env_(platform::Env::Default()), scoped_(env_) {}
-  bool Run() {
-    BootSector boot;
-    boot.m_dwBytesPerSector = 512;
-    std::uint64_t sector = 77;
-    const bool ok = boot.GetMftSector(VolumeStart{0, 0}, sector);
-    EXPECT_EQ(sector, ok ? 32u : 77u);  // untouched on failure
-    return ok;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(c.line)));
+    TraceCapture trace;
+    const Read r = ReadBoot(Volume(0x08, 4), c.start, 512, c.fault);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.mft_sector, 77u);
+    EXPECT_TRUE(trace.Has(c.line));
+    EXPECT_EQ(r.closes, c.closes);
   }
-  TempDisk attached_;
-  FaultEnv env_;
-  platform::ScopedEnv scoped_;
-  TraceCapture trace_;
-};
-
-TEST_F(BootSectorFaults, OpenFailure) {
-  env_.FailCall(Call::CreateFileW, platform::kErrorAccessDenied);
-  EXPECT_FALSE(Run());
-  EXPECT_TRUE(trace_.Has(L"[E]: BootSector::GetMftSector : ... ending(CreateFile() failed) : dwLastError = 5"));
-  EXPECT_EQ(env_.Count(Call::CloseHandle), 0);
-}
-
-TEST_F(BootSectorFaults, SeekFailureAndWrongPositionCloseTheDisk) {
-  env_.FailCall(Call::SetFilePointerEx, platform::kErrorSeek);
-  EXPECT_FALSE(Run());
-  EXPECT_TRUE(trace_.Has(L"[E]: BootSector::GetMftSector : ... ending(SetFilePointerEx() failed) : dwLastError = 25"));
-  env_.SeekOff(512);
-  EXPECT_FALSE(Run());
-  EXPECT_TRUE(trace_.Has(L"[V]: BootSector::GetMftSector : ... ending(actual seek offset not equal to requested seek offset)"));
-  EXPECT_EQ(env_.Count(Call::CloseHandle), 2);
-}
-
-TEST_F(BootSectorFaults, ReadFailureAndShortRead) {
-  env_.FailCall(Call::ReadFile, platform::kErrorReadFault);
-  EXPECT_FALSE(Run());
-  EXPECT_TRUE(trace_.Has(L"[E]: BootSector::GetMftSector : ... ending(ReadFile() failed) : dwLastError = 30"));
-  env_.ShortRead(511);
-  EXPECT_FALSE(Run());
-  EXPECT_TRUE(trace_.Has(L"[V]: BootSector::GetMftSector : ... ending(bytes read not equal to bytes requested)"));
-  EXPECT_TRUE(Run());
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "koru_mft/tool.h"
@@ -98,12 +99,12 @@ class Disks {
   std::vector<std::string> paths_;
 };
 
-std::uint32_t SectorSizeOf(const Image& bytes, const std::string& suffix = "") {
+// The sector size the disk device reports for `bytes` attached as `arg_suffix` says.
+std::uint32_t SectorSizeOf(const Image& bytes, const std::string& arg_suffix) {
   Disks disks;
-  disks.Attach(bytes, suffix);
+  disks.Attach(bytes, arg_suffix);
   Env& env = Env::Default();
   HANDLE h = env.CreateFileW(L"\\\\.\\PhysicalDrive0", kGenericRead, kFileShareRead | kFileShareWrite, kOpenExisting, 0);
-  EXPECT_TRUE(IsValid(h));
   DISK_GEOMETRY_EX g{};
   DWORD returned = 0;
   EXPECT_TRUE(env.DeviceIoControl(h, kIoctlDiskGetDriveGeometryEx, nullptr, 0, &g, sizeof g, &returned));
@@ -112,22 +113,29 @@ std::uint32_t SectorSizeOf(const Image& bytes, const std::string& suffix = "") {
   return g.Geometry.BytesPerSector;
 }
 
+Image Bare(const char* oem, std::uint16_t bytes_per_sector, std::size_t size = 64 * 4096) {
+  Image disk(size);
+  PutBoot(disk, 0, oem, bytes_per_sector);
+  return disk;
+}
+
 TEST(PosixDisks, SectorSizeIsGivenElseDetectedElse512) {
-  EXPECT_EQ(SectorSizeOf(Gpt(512, 2048, {})), 512u);
-  EXPECT_EQ(SectorSizeOf(Gpt(4096, 256, {})), 4096u);
-  Image bare(64 * 4096);
-  PutBoot(bare, 0, "NTFS    ", 4096);
-  EXPECT_EQ(SectorSizeOf(bare), 4096u);
-  Image locked(64 * 4096);
-  PutBoot(locked, 0, "-FVE-FS-", 4096);
-  EXPECT_EQ(SectorSizeOf(locked), 4096u);
-  Image nonsense(64 * 4096);
-  PutBoot(nonsense, 0, "NTFS    ", 4095);  // not a power of two: ignored
-  EXPECT_EQ(SectorSizeOf(nonsense), 512u);
-  EXPECT_EQ(SectorSizeOf(Image(64 * 512)), 512u);
-  // Given sizes win over anything on the disk.
-  EXPECT_EQ(SectorSizeOf(bare, ":512"), 512u);
-  EXPECT_EQ(SectorSizeOf(Image(64 * 512), ":2048"), 2048u);
+  const struct {
+    Image image;
+    const char* arg_suffix;
+    std::uint32_t want;
+  } cases[] = {{Gpt(512, 2048, {}), "", 512},
+               {Gpt(4096, 256, {}), "", 4096},
+               {Bare("NTFS    ", 4096), "", 4096},
+               {Bare("-FVE-FS-", 4096), "", 4096},
+               {Bare("NTFS    ", 4095), "", 512},  // not a power of two: ignored
+               {Image(64 * 512), "", 512},
+               {Bare("NTFS    ", 4096), ":512", 512},  // given sizes win over anything on the disk
+               {Image(64 * 512), ":2048", 2048}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    EXPECT_EQ(SectorSizeOf(c.image, c.arg_suffix), c.want);
+  }
 }
 
 TEST(PosixDisks, AttachRefusesBadSpecs) {
@@ -170,32 +178,25 @@ void AttachThreeDisks(Disks& disks) {
   disks.Attach(Image(4096));
 }
 
+// letter, disk, offset, length, kind, bytes per sector of every listed volume.
+using Row = std::tuple<wchar_t, std::uint32_t, std::int64_t, std::int64_t, std::wstring, std::uint32_t>;
+std::vector<Row> Volumes() {
+  std::vector<Row> rows;
+  for (const auto& v : koru::tool::ListVolumes())
+    rows.emplace_back(v.letter, v.disk, v.offset, v.length, v.kind, v.bytes_per_sector);
+  return rows;
+}
+
 TEST(PosixDisks, VolumesAreLetteredDiskByDiskInTableOrder) {
   Disks disks;
   AttachThreeDisks(disks);
-  const auto list = koru::tool::ListVolumes();
-  ASSERT_EQ(list.size(), 5u);
-  struct Want {
-    wchar_t letter;
-    std::uint32_t disk;
-    std::int64_t offset, length;
-    const wchar_t* kind;
-  } want[] = {{L'C', 0, 2048 * 512, 8192 * 512, L"NTFS"},
-              {L'D', 0, (20480 + 2048) * 512ll, 4096 * 512, L"NTFS"},
-              {L'E', 0, (20480 + 40960 + 2048) * 512ll, 4096 * 512, L"BitLocker"},
-              {L'F', 1, 34 * 512, 2048 * 512, L"NTFS"},
-              {L'G', 1, 4096 * 512, 4096 * 512, L"NTFS"}};
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(list[i].letter, want[i].letter);
-    EXPECT_EQ(list[i].disk, want[i].disk);
-    EXPECT_EQ(list[i].offset, want[i].offset);
-    EXPECT_EQ(list[i].length, want[i].length);
-    EXPECT_EQ(list[i].kind, want[i].kind);
-    EXPECT_EQ(list[i].bytes_per_sector, 512u);
-  }
+  EXPECT_EQ(Volumes(), (std::vector<Row>{{L'C', 0, 2048 * 512, 8192 * 512, L"NTFS", 512},
+                                         {L'D', 0, (20480 + 2048) * 512, 4096 * 512, L"NTFS", 512},
+                                         {L'E', 0, (20480 + 40960 + 2048) * 512, 4096 * 512, L"BitLocker", 512},
+                                         {L'F', 1, 34 * 512, 2048 * 512, L"NTFS", 512},
+                                         {L'G', 1, 4096 * 512, 4096 * 512, L"NTFS", 512}}));
   // GPT volumes are named by their partition GUID, printed as Windows prints it.
-  EXPECT_EQ(list[3].volume_name, L"\\\\?\\Volume{13121110-1514-1716-1819-1A1B1C1D1E1F}\\");
+  EXPECT_EQ(koru::tool::ListVolumes().at(3).volume_name, L"\\\\?\\Volume{13121110-1514-1716-1819-1A1B1C1D1E1F}\\");
 }
 
 TEST(PosixDisks, PinnedLettersAreKeptAndTheRestFillIn) {
@@ -205,35 +206,24 @@ TEST(PosixDisks, PinnedLettersAreKeptAndTheRestFillIn) {
   ASSERT_TRUE(koru::tool::PinVolume("c=1:2", &error)) << error;
   ASSERT_TRUE(koru::tool::PinVolume("Z=0:6", &error)) << error;
   ASSERT_TRUE(koru::tool::PinVolume("X=0:3", &error)) << error;  // FAT: not a volume, the pin does nothing
-  const auto list = koru::tool::ListVolumes();
-  ASSERT_EQ(list.size(), 5u);
-  std::vector<std::pair<wchar_t, std::int64_t>> got;
-  for (const auto& v : list) got.emplace_back(v.letter, v.offset);
-  const std::vector<std::pair<wchar_t, std::int64_t>> want = {{L'C', 4096 * 512},
-                                                               {L'D', 2048 * 512},
-                                                               {L'E', (20480 + 2048) * 512ll},
-                                                               {L'F', 34 * 512},
-                                                               {L'Z', (20480 + 40960 + 2048) * 512ll}};
-  EXPECT_EQ(got, want);
+  EXPECT_EQ(Volumes(), (std::vector<Row>{{L'C', 1, 4096 * 512, 4096 * 512, L"NTFS", 512},
+                                         {L'D', 0, 2048 * 512, 8192 * 512, L"NTFS", 512},
+                                         {L'E', 0, (20480 + 2048) * 512, 4096 * 512, L"NTFS", 512},
+                                         {L'F', 1, 34 * 512, 2048 * 512, L"NTFS", 512},
+                                         {L'Z', 0, (20480 + 40960 + 2048) * 512, 4096 * 512, L"BitLocker", 512}}));
 }
 
 TEST(PosixDisks, EnvironmentAttachesDisksAndPinsLetters) {
   Disks disks;
-  Image bare(64 * 512);
-  PutBoot(bare, 0, "NTFS    ");
+  const Image bare = Bare("NTFS    ", 512, 64 * 512);
   const std::string a = disks.Write(bare), b = disks.Write(bare);
   ::setenv("KORU_MFT_DISKS", (a + "," + b + ":4096").c_str(), 1);
   ::setenv("KORU_MFT_VOLUMES", "K=0:1", 1);
   posix::ResetDisks();
-  const auto list = koru::tool::ListVolumes();
+  const auto rows = Volumes();
   ::unsetenv("KORU_MFT_DISKS");
   ::unsetenv("KORU_MFT_VOLUMES");
-  ASSERT_EQ(list.size(), 2u);
-  EXPECT_EQ(list[0].letter, L'C');
-  EXPECT_EQ(list[0].disk, 1u);
-  EXPECT_EQ(list[0].bytes_per_sector, 4096u);
-  EXPECT_EQ(list[1].letter, L'K');
-  EXPECT_EQ(list[1].disk, 0u);
+  EXPECT_EQ(rows, (std::vector<Row>{{L'C', 1, 0, 64 * 512, L"NTFS", 4096}, {L'K', 0, 0, 64 * 512, L"NTFS", 512}}));
 }
 
 TEST(PosixDisks, MbrVolumeNamesAreDeterministic) {
@@ -243,19 +233,16 @@ TEST(PosixDisks, MbrVolumeNamesAreDeterministic) {
   PutMbrEntry(mbr, 0, 1, 0x07, 8192, 4096);
   PutBoot(mbr, 2048 * 512, "NTFS    ");
   PutBoot(mbr, 8192 * 512, "NTFS    ");
-  std::vector<std::wstring> first, again;
-  {
+  const auto names = [](const Image& image) {  // each time another file with these bytes
     Disks disks;
-    disks.Attach(mbr);
-    for (const auto& v : koru::tool::ListVolumes()) first.push_back(v.volume_name);
-  }
-  {
-    Disks disks;  // another file with the same bytes: the same names
-    disks.Attach(mbr);
-    for (const auto& v : koru::tool::ListVolumes()) again.push_back(v.volume_name);
-  }
+    disks.Attach(image);
+    std::vector<std::wstring> out;
+    for (const auto& v : koru::tool::ListVolumes()) out.push_back(v.volume_name);
+    return out;
+  };
+  const auto first = names(mbr);
   ASSERT_EQ(first.size(), 2u);
-  EXPECT_EQ(first, again);
+  EXPECT_EQ(names(mbr), first);
   EXPECT_NE(first[0], first[1]);  // the offset is part of the name
   for (const auto& name : first) {
     EXPECT_EQ(name.rfind(L"\\\\?\\Volume{CAFEF00D-", 0), 0u) << std::string(name.begin(), name.end());
@@ -263,9 +250,7 @@ TEST(PosixDisks, MbrVolumeNamesAreDeterministic) {
     EXPECT_EQ(name.back(), L'\\');
   }
   Put32(mbr, 440, 0xCAFEF00E);
-  Disks disks;
-  disks.Attach(mbr);
-  EXPECT_NE(koru::tool::ListVolumes().at(0).volume_name, first[0]);  // the signature is too
+  EXPECT_NE(names(mbr).at(0), first[0]);  // the signature is too
 }
 
 TEST(PosixDisks, BrokenTablesEndTheScan) {
@@ -297,11 +282,9 @@ TEST(PosixDisks, BrokenTablesEndTheScan) {
   disks.Attach(huge);
   Image wild = Gpt(512, 64, {{0xFFFFFFFFFFFFFFF0ull, 0xFFFFFFFFFFFFFFFFull, 1}, {40, 30, 2}});
   disks.Attach(wild);
-  const auto list = koru::tool::ListVolumes();
-  ASSERT_EQ(list.size(), 3u);
-  EXPECT_EQ(list[0].offset, (2048 + 64) * 512);
-  EXPECT_EQ(list[1].offset, (2048 + 1024 + 64) * 512);
-  EXPECT_EQ(list[2].disk, 1u);
+  EXPECT_EQ(Volumes(), (std::vector<Row>{{L'C', 0, (2048 + 64) * 512, 128 * 512, L"NTFS", 512},
+                                         {L'D', 0, (2048 + 1024 + 64) * 512, 128 * 512, L"NTFS", 512},
+                                         {L'E', 1, (2048 + 64) * 512, 128 * 512, L"NTFS", 512}}));
 }
 
 TEST(PosixDisks, MbrOf4096ByteSectorsIsRecognisedWhenNotGiven) {
@@ -311,41 +294,39 @@ TEST(PosixDisks, MbrOf4096ByteSectorsIsRecognisedWhenNotGiven) {
   {
     Disks disks;
     disks.Attach(mbr);
-    const auto list = koru::tool::ListVolumes();
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0].offset, 256 * 4096);
-    EXPECT_EQ(list[0].length, 2048 * 4096);
-    EXPECT_EQ(list[0].bytes_per_sector, 4096u);
+    EXPECT_EQ(Volumes(), (std::vector<Row>{{L'C', 0, 256 * 4096, 2048 * 4096, L"NTFS", 4096}}));
   }
   Disks disks;  // a given 512 is believed: no volume where it points
   disks.Attach(mbr, ":512");
   EXPECT_TRUE(koru::tool::ListVolumes().empty());
 }
 
+// Room for one extent at least, else refused; room for fewer than all: the header
+// with the count, and 234 so the caller grows its buffer.
 TEST(PosixDisks, ExtentsIoctlAnswersLikeTheVolumeManager) {
   const std::vector<DISK_EXTENT> two = {{0, 1048576, 4096}, {1, 512, 8192}};
-  unsigned char buffer[64];
-  DWORD returned = 99, error = 0;
-  EXPECT_FALSE(posix::AnswerVolumeDiskExtents(two, buffer, 31, &returned, &error));
-  EXPECT_EQ(error, kErrorInvalidParameter);
-  EXPECT_EQ(returned, 0u);
-  std::memset(buffer, 0xCC, sizeof buffer);
-  EXPECT_FALSE(posix::AnswerVolumeDiskExtents(two, buffer, 32, &returned, &error));
-  EXPECT_EQ(error, kErrorMoreData);
-  EXPECT_EQ(returned, 32u);
-  std::uint32_t count = 0;
-  std::memcpy(&count, buffer, 4);
-  EXPECT_EQ(count, 2u);
-  EXPECT_FALSE(posix::AnswerVolumeDiskExtents(two, buffer, 55, &returned, &error));
-  EXPECT_EQ(error, kErrorMoreData);
-  ASSERT_TRUE(posix::AnswerVolumeDiskExtents(two, buffer, 56, &returned, &error));
-  EXPECT_EQ(returned, 56u);
-  DISK_EXTENT second{};
-  std::memcpy(&second, buffer + 32, sizeof second);
-  EXPECT_EQ(second.DiskNumber, 1u);
-  EXPECT_EQ(second.StartingOffset, 512);
-  EXPECT_EQ(second.ExtentLength, 8192);
+  const struct {
+    DWORD size, error, returned, count;
+  } cases[] = {{31, kErrorInvalidParameter, 0, 0}, {32, kErrorMoreData, 32, 2}, {55, kErrorMoreData, 32, 2}, {56, 0, 56, 2}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.size);
+    unsigned char buffer[64] = {};
+    DWORD returned = 99, error = 0;
+    EXPECT_EQ(posix::AnswerVolumeDiskExtents(two, buffer, c.size, &returned, &error), c.error == 0);
+    EXPECT_EQ(error, c.error);
+    EXPECT_EQ(returned, c.returned);
+    std::uint32_t count = 0;
+    std::memcpy(&count, buffer, 4);
+    EXPECT_EQ(count, c.count);
+    DISK_EXTENT second{};
+    std::memcpy(&second, buffer + 32, sizeof second);
+    EXPECT_EQ(second.ExtentLength, c.error == 0 ? 8192 : 0);
+    EXPECT_EQ(second.StartingOffset, c.error == 0 ? 512 : 0);
+    EXPECT_EQ(second.DiskNumber, c.error == 0 ? 1u : 0u);
+  }
 }
+
+constexpr const wchar_t* kDisk0 = L"\\\\.\\PhysicalDrive0";
 
 class OpenedDisk : public ::testing::Test {
  protected:
@@ -359,14 +340,19 @@ class OpenedDisk : public ::testing::Test {
   HANDLE Open(const wchar_t* path) {
     return env_.CreateFileW(path, kGenericRead, kFileShareRead | kFileShareWrite, kOpenExisting, 0);
   }
-  std::vector<std::byte> ReadAt(HANDLE h, std::int64_t at, DWORD count, DWORD* got) {
+  // Up to `count` bytes from the handle's position; ReadAt seeks there first.
+  std::vector<std::byte> Read(HANDLE h, DWORD count) {
     std::vector<std::byte> out(count);
+    DWORD got = 0;
+    EXPECT_TRUE(env_.ReadFile(h, out.data(), count, &got));
+    out.resize(got);
+    return out;
+  }
+  std::vector<std::byte> ReadAt(HANDLE h, std::int64_t at, DWORD count) {
     std::int64_t pos = -1;
     EXPECT_TRUE(env_.SetFilePointerEx(h, at, &pos, kFileBegin));
     EXPECT_EQ(pos, at);
-    EXPECT_TRUE(env_.ReadFile(h, out.data(), count, got));
-    out.resize(*got);
-    return out;
+    return Read(h, count);
   }
   std::vector<std::byte> Slice(std::size_t at, std::size_t count) {
     return {image_.begin() + static_cast<std::ptrdiff_t>(at), image_.begin() + static_cast<std::ptrdiff_t>(at + count)};
@@ -377,56 +363,38 @@ class OpenedDisk : public ::testing::Test {
 };
 
 TEST_F(OpenedDisk, ReadsPastTheEndAreShort) {
-  HANDLE disk = Open(L"\\\\.\\PhysicalDrive0");
+  HANDLE disk = Open(kDisk0);
   ASSERT_TRUE(IsValid(disk));
-  DWORD got = 0;
-  EXPECT_EQ(ReadAt(disk, image_.size() - 100, 512, &got), Slice(image_.size() - 100, 100));
-  EXPECT_EQ(got, 100u);
-  ReadAt(disk, image_.size() + 4096, 512, &got);
-  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(ReadAt(disk, image_.size() - 100, 512), Slice(image_.size() - 100, 100));
+  EXPECT_TRUE(ReadAt(disk, image_.size() + 4096, 512).empty());
   env_.CloseHandle(disk);
-
   // The volume device ends where its partition ends, not at the disk's end.
   HANDLE volume = Open(L"\\\\.\\c:");
   ASSERT_TRUE(IsValid(volume));
-  EXPECT_EQ(ReadAt(volume, 0, 512, &got), Slice(2048 * 512, 512));
-  EXPECT_EQ(ReadAt(volume, kMiB - 10, 512, &got), Slice(2048 * 512 + kMiB - 10, 10));
+  EXPECT_EQ(ReadAt(volume, 0, 512), Slice(2048 * 512, 512));
+  EXPECT_EQ(ReadAt(volume, kMiB - 10, 512), Slice(2048 * 512 + kMiB - 10, 10));
   env_.CloseHandle(volume);
 }
 
 TEST_F(OpenedDisk, EachHandleReadsAtItsOwnPosition) {
-  HANDLE a = Open(L"\\\\.\\PhysicalDrive0");
-  HANDLE b = Open(L"\\\\.\\PhysicalDrive0");
+  HANDLE a = Open(kDisk0), b = Open(kDisk0);
+  EXPECT_EQ(ReadAt(a, 4096, 16), Slice(4096, 16));
+  EXPECT_EQ(ReadAt(b, 8192, 16), Slice(8192, 16));
+  EXPECT_EQ(Read(a, 16), Slice(4096 + 16, 16));  // b's seek and read left a where it was
   std::int64_t pos = 0;
-  ASSERT_TRUE(env_.SetFilePointerEx(a, 4096, &pos, kFileBegin));
-  ASSERT_TRUE(env_.SetFilePointerEx(b, 8192, &pos, kFileBegin));
-  std::vector<std::byte> x(16), y(16);
-  DWORD got = 0;
-  ASSERT_TRUE(env_.ReadFile(a, x.data(), 16, &got));
-  ASSERT_TRUE(env_.ReadFile(b, y.data(), 16, &got));
-  EXPECT_EQ(x, Slice(4096, 16));
-  EXPECT_EQ(y, Slice(8192, 16));
-  ASSERT_TRUE(env_.ReadFile(a, x.data(), 16, &got));  // a read moves only its own handle on
-  EXPECT_EQ(x, Slice(4096 + 16, 16));
   ASSERT_TRUE(env_.SetFilePointerEx(a, 0, &pos, kFileCurrent));
   EXPECT_EQ(pos, 4096 + 32);
   env_.CloseHandle(a);
   env_.CloseHandle(b);
-
   // Threads with handles of their own never see each other's positions.
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
-      HANDLE h = Open(L"\\\\.\\PhysicalDrive0");
+      HANDLE h = Open(kDisk0);
       for (int i = 0; i < 200; ++i) {
-        const std::int64_t at = (t * 997 + i * 4099) % (image_.size() - 64);
-        std::vector<std::byte> got_bytes(64);
-        DWORD n = 0;
-        std::int64_t p = 0;
-        env_.SetFilePointerEx(h, at, &p, kFileBegin);
-        env_.ReadFile(h, got_bytes.data(), 64, &n);
-        if (n != 64 || got_bytes != Slice(static_cast<std::size_t>(at), 64)) ++wrong;
+        const std::size_t at = (t * 997 + i * 4099) % (image_.size() - 64);
+        if (ReadAt(h, static_cast<std::int64_t>(at), 64) != Slice(at, 64)) ++wrong;
       }
       env_.CloseHandle(h);
     });
@@ -453,7 +421,7 @@ TEST_F(OpenedDisk, DevicesAnswerTheCoresIoctls) {
   EXPECT_EQ(env_.GetLastError(), kErrorInvalidFunction);
   env_.CloseHandle(volume);
 
-  HANDLE disk = Open(L"\\\\.\\PhysicalDrive0");
+  HANDLE disk = Open(kDisk0);
   EXPECT_FALSE(env_.DeviceIoControl(disk, kIoctlVolumeGetVolumeDiskExtents, nullptr, 0, buffer, 56, &returned));
   EXPECT_EQ(env_.GetLastError(), kErrorInvalidFunction);  // a disk is not a volume
   env_.CloseHandle(disk);

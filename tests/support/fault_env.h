@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
-#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -16,99 +14,127 @@ namespace koru::test {
 
 using platform::DWORD;
 
+// The calls a test can fault or count; all others pass straight through.
 enum class Call {
   GetModuleHandleW, GetModuleFileNameW, GetFileVersionInfoSizeW, GetFileVersionInfoW, VerQueryValueW,
-  GetPrivateProfileStringW, GetPrivateProfileIntW, WritePrivateProfileStringW,
-  PathFileExistsW, PathIsDirectoryW, CreateDirectoryW, CopyFileW, DeleteFileW,
-  CreateFileW, ReadFile, WriteFile, SetFilePointerEx, CloseHandle, DeviceIoControl,
-  GetVolumeNameForVolumeMountPointW, GetVersionExW, GetProductInfo, GetSystemDirectoryW,
-  GetSystemWow64DirectoryW, RegOpenKeyExW, RegQueryValueExW, OpenProcessToken, LookupPrivilegeValueW,
-  AdjustTokenPrivileges,
-};
-
-struct Fault {
-  enum class Kind { kFail, kShortRead, kSeekOff } kind = Kind::kFail;
-  DWORD error = 0;            // kFail: the last error reported
-  DWORD short_bytes = 0;      // kShortRead: bytes actually delivered
-  std::int64_t seek_delta = 0;  // kSeekOff: added to the position reported
+  CreateFileW, ReadFile, SetFilePointerEx, CloseHandle, DeviceIoControl, RegQueryValueExW, AdjustTokenPrivileges,
 };
 
 class FaultEnv : public platform::Env {
  public:
   explicit FaultEnv(platform::Env& inner) : inner_(inner) {}
 
-  // The nth call (1-based, counted from now) of `call` gets `fault`; nth 0 means every call.
-  void Inject(Call call, Fault fault, int nth = 1);
-  void FailCall(Call call, DWORD error, int nth = 1) { Inject(call, Fault{Fault::Kind::kFail, error, 0, 0}, nth); }
-  void ShortRead(DWORD bytes, int nth = 1) { Inject(Call::ReadFile, Fault{Fault::Kind::kShortRead, 0, bytes, 0}, nth); }
-  void SeekOff(std::int64_t delta, int nth = 1) {
-    Inject(Call::SetFilePointerEx, Fault{Fault::Kind::kSeekOff, 0, 0, delta}, nth);
+  // Each fault hits the nth call (1-based, counted from now); nth 0 means every call.
+  void FailCall(Call call, DWORD error, int nth = 1) { Inject(call, {Kind::kFail, error, 0}, nth); }
+  void ShortRead(DWORD bytes, int nth = 1) { Inject(Call::ReadFile, {Kind::kShortRead, bytes, 0}, nth); }
+  void SeekOff(std::int64_t delta, int nth = 1) { Inject(Call::SetFilePointerEx, {Kind::kSeekOff, 0, delta}, nth); }
+  int Count(Call call) const { return counts_.count(call) ? counts_.at(call) : 0; }
+  void Clear() {
+    rules_.clear();
+    counts_.clear();
+    ioctl_answer_ = nullptr;
+    volume_name_answer_ = nullptr;
   }
-  int Count(Call call) const;
-  void Clear();
 
   // Answers in place of the wrapped Env, for what no attached disk can show (a volume
   // on several disks, a platform that keeps asking for more room, an odd volume name).
   // A handler returns false with the Win32 error in *error. Injected faults come first.
   using IoctlAnswer = std::function<bool(DWORD code, void* out, DWORD out_size, DWORD* returned, DWORD* error)>;
   using VolumeNameAnswer = std::function<bool(const wchar_t* mount_point, wchar_t* buffer, DWORD size, DWORD* error)>;
-  void AnswerIoctl(IoctlAnswer answer);
-  void AnswerVolumeName(VolumeNameAnswer answer);
+  void AnswerIoctl(IoctlAnswer answer) { ioctl_answer_ = std::move(answer); }
+  void AnswerVolumeName(VolumeNameAnswer answer) { volume_name_answer_ = std::move(answer); }
   std::wostringstream& captured_stdout() { return stdout_; }
 
-  DWORD GetLastError() override { return inner_.GetLastError(); }
-  void SetLastError(DWORD error) override { inner_.SetLastError(error); }
-  platform::HMODULE GetModuleHandleW(const wchar_t* name) override;
-  DWORD GetModuleFileNameW(platform::HMODULE module, wchar_t* buffer, DWORD size) override;
-  DWORD GetFileVersionInfoSizeW(const wchar_t* file) override;
-  bool GetFileVersionInfoW(const wchar_t* file, DWORD size, void* data) override;
-  bool VerQueryValueW(const void* block, const wchar_t* sub, const void** value, platform::UINT* length) override;
-  DWORD GetPrivateProfileStringW(const wchar_t* s, const wchar_t* k, const wchar_t* d, wchar_t* b, DWORD n,
-                                 const wchar_t* f) override;
-  platform::UINT GetPrivateProfileIntW(const wchar_t* s, const wchar_t* k, int d, const wchar_t* f) override;
-  bool WritePrivateProfileStringW(const wchar_t* s, const wchar_t* k, const wchar_t* v, const wchar_t* f) override;
-  bool PathFileExistsW(const wchar_t* p) override;
-  bool PathIsDirectoryW(const wchar_t* p) override;
-  bool CreateDirectoryW(const wchar_t* p) override;
-  bool CopyFileW(const wchar_t* a, const wchar_t* b, bool f) override;
-  bool DeleteFileW(const wchar_t* p) override;
-  platform::HANDLE CreateFileW(const wchar_t* p, DWORD a, DWORD s, DWORD d, DWORD f) override;
+  // The calls that can be faulted.
+  platform::HMODULE GetModuleHandleW(const wchar_t* n) override {
+    return Failed(Call::GetModuleHandleW) ? nullptr : inner_.GetModuleHandleW(n);
+  }
+  DWORD GetModuleFileNameW(platform::HMODULE m, wchar_t* b, DWORD n) override {
+    return Failed(Call::GetModuleFileNameW) ? 0 : inner_.GetModuleFileNameW(m, b, n);
+  }
+  DWORD GetFileVersionInfoSizeW(const wchar_t* f) override {
+    return Failed(Call::GetFileVersionInfoSizeW) ? 0 : inner_.GetFileVersionInfoSizeW(f);
+  }
+  bool GetFileVersionInfoW(const wchar_t* f, DWORD s, void* d) override {
+    return !Failed(Call::GetFileVersionInfoW) && inner_.GetFileVersionInfoW(f, s, d);
+  }
+  bool VerQueryValueW(const void* b, const wchar_t* s, const void** v, platform::UINT* l) override {
+    return !Failed(Call::VerQueryValueW) && inner_.VerQueryValueW(b, s, v, l);
+  }
+  platform::HANDLE CreateFileW(const wchar_t* p, DWORD a, DWORD s, DWORD d, DWORD f) override {
+    return Failed(Call::CreateFileW) ? platform::InvalidHandle() : inner_.CreateFileW(p, a, s, d, f);
+  }
+  bool CloseHandle(platform::HANDLE h) override { return !Failed(Call::CloseHandle) && inner_.CloseHandle(h); }
+  bool AdjustTokenPrivileges(platform::HANDLE t, const platform::TokenPrivileges* n, DWORD s,
+                             platform::TokenPrivileges* p, DWORD* r) override {
+    return !Failed(Call::AdjustTokenPrivileges) && inner_.AdjustTokenPrivileges(t, n, s, p, r);
+  }
   bool ReadFile(platform::HANDLE h, void* b, DWORD n, DWORD* r) override;
-  bool WriteFile(platform::HANDLE h, const void* b, DWORD n, DWORD* w) override;
   bool SetFilePointerEx(platform::HANDLE h, std::int64_t d, std::int64_t* p, DWORD m) override;
-  bool CloseHandle(platform::HANDLE h) override;
   bool DeviceIoControl(platform::HANDLE h, DWORD c, const void* i, DWORD is, void* o, DWORD os,
                        DWORD* r) override;
   bool GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, DWORD n) override;
+  platform::LONG RegQueryValueExW(platform::HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) override;
+
+  // Passed through.
+  DWORD GetLastError() override { return inner_.GetLastError(); }
+  void SetLastError(DWORD error) override { inner_.SetLastError(error); }
+  DWORD GetPrivateProfileStringW(const wchar_t* s, const wchar_t* k, const wchar_t* d, wchar_t* b, DWORD n,
+                                 const wchar_t* f) override {
+    return inner_.GetPrivateProfileStringW(s, k, d, b, n, f);
+  }
+  platform::UINT GetPrivateProfileIntW(const wchar_t* s, const wchar_t* k, int d, const wchar_t* f) override {
+    return inner_.GetPrivateProfileIntW(s, k, d, f);
+  }
+  bool WritePrivateProfileStringW(const wchar_t* s, const wchar_t* k, const wchar_t* v, const wchar_t* f) override {
+    return inner_.WritePrivateProfileStringW(s, k, v, f);
+  }
+  bool PathFileExistsW(const wchar_t* p) override { return inner_.PathFileExistsW(p); }
+  bool PathIsDirectoryW(const wchar_t* p) override { return inner_.PathIsDirectoryW(p); }
+  bool CreateDirectoryW(const wchar_t* p) override { return inner_.CreateDirectoryW(p); }
+  bool CopyFileW(const wchar_t* a, const wchar_t* b, bool f) override { return inner_.CopyFileW(a, b, f); }
+  bool DeleteFileW(const wchar_t* p) override { return inner_.DeleteFileW(p); }
+  bool WriteFile(platform::HANDLE h, const void* b, DWORD n, DWORD* w) override { return inner_.WriteFile(h, b, n, w); }
   void GetLocalTime(platform::SystemTime* t) override { inner_.GetLocalTime(t); }
   DWORD GetCurrentThreadId() override { return inner_.GetCurrentThreadId(); }
-  std::wostream& StdOut() override { return stdout_; }
-  bool GetVersionExW(platform::OsVersionInfo* i) override;
-  bool GetProductInfo(DWORD a, DWORD b, DWORD c, DWORD d, DWORD* t) override;
-  platform::UINT GetSystemDirectoryW(wchar_t* b, platform::UINT n) override;
-  platform::UINT GetSystemWow64DirectoryW(wchar_t* b, platform::UINT n) override;
-  platform::LONG RegOpenKeyExW(platform::HKEY r, const wchar_t* k, DWORD o, DWORD s, platform::HKEY* out) override;
-  platform::LONG RegQueryValueExW(platform::HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) override;
+  bool GetVersionExW(platform::OsVersionInfo* i) override { return inner_.GetVersionExW(i); }
+  bool GetProductInfo(DWORD a, DWORD b, DWORD c, DWORD d, DWORD* t) override {
+    return inner_.GetProductInfo(a, b, c, d, t);
+  }
+  platform::UINT GetSystemDirectoryW(wchar_t* b, platform::UINT n) override { return inner_.GetSystemDirectoryW(b, n); }
+  platform::UINT GetSystemWow64DirectoryW(wchar_t* b, platform::UINT n) override {
+    return inner_.GetSystemWow64DirectoryW(b, n);
+  }
+  platform::LONG RegOpenKeyExW(platform::HKEY r, const wchar_t* k, DWORD o, DWORD s, platform::HKEY* out) override {
+    return inner_.RegOpenKeyExW(r, k, o, s, out);
+  }
   platform::LONG RegCloseKey(platform::HKEY k) override { return inner_.RegCloseKey(k); }
   platform::LONG RegUnLoadKeyW(platform::HKEY r, const wchar_t* k) override { return inner_.RegUnLoadKeyW(r, k); }
-  bool OpenProcessToken(DWORD a, platform::HANDLE* t) override;
-  bool LookupPrivilegeValueW(const wchar_t* n, platform::Luid* l) override;
-  bool AdjustTokenPrivileges(platform::HANDLE t, const platform::TokenPrivileges* n, DWORD s,
-                             platform::TokenPrivileges* p, DWORD* r) override;
+  bool OpenProcessToken(DWORD a, platform::HANDLE* t) override { return inner_.OpenProcessToken(a, t); }
+  bool LookupPrivilegeValueW(const wchar_t* n, platform::Luid* l) override { return inner_.LookupPrivilegeValueW(n, l); }
+  std::wostream& StdOut() override { return stdout_; }  // captured instead
 
  private:
-  // Counts the call and returns the fault due now, if any.
-  std::optional<Fault> Next(Call call);
-  bool Failed(const std::optional<Fault>& f);
-
-  platform::Env& inner_;
-  mutable std::mutex mutex_;
-  std::map<Call, int> counts_;
+  enum class Kind { kFail, kShortRead, kSeekOff };
+  struct Fault {
+    Kind kind;
+    DWORD value;          // kFail: the last error; kShortRead: the bytes delivered
+    std::int64_t delta;   // kSeekOff: added to the position reported
+  };
   struct Rule {
     Call call;
     Fault fault;
     int at;  // absolute call number, or 0 for every call
   };
+  void Inject(Call call, Fault fault, int nth) { rules_.push_back({call, fault, nth == 0 ? 0 : counts_[call] + nth}); }
+  // Counts the call and returns the fault due now, if any.
+  const Fault* Next(Call call);
+  // Counts the call; true (with the last error set) when it is to fail.
+  bool Failed(Call call) { return Failed(Next(call)); }
+  bool Failed(const Fault* f);
+
+  platform::Env& inner_;
+  std::map<Call, int> counts_;
   std::vector<Rule> rules_;
   IoctlAnswer ioctl_answer_;
   VolumeNameAnswer volume_name_answer_;
