@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "koru_mft/vmft.h"
 #include "mft/record_fixture.h"
 #include "platform/posix_env.h"
@@ -16,8 +18,6 @@ namespace {
 
 using platform::DWORD;
 using Ranges = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
-using test::BareVolume;
-using test::MbrDisk;
 using test::RecordFixture;
 using test::TempDisk;
 using test::TraceCapture;
@@ -30,13 +30,30 @@ std::vector<std::byte> Record0(const std::vector<std::uint8_t>& runs = {0x31, 0x
   return r.OnDisk(0x0005);
 }
 
-// 8 sectors per cluster, MFT at cluster 4, the volume at LBA 2048.
-std::vector<std::byte> Disk(const std::vector<std::byte>& record0, std::uint8_t spc_byte = 8) {
-  return MbrDisk(BareVolume(512, spc_byte, 4, 8, record0, 128), 2048);
+// A disk of 512-byte sectors whose one MBR partition (type 7) at LBA 2048 holds a
+// 128-sector NTFS volume: `spc_byte` in its boot sector, `record0` at cluster
+// `mft_cluster` of 8 sectors. The boot sector holds only what the query reads.
+std::vector<std::byte> Disk(const std::vector<std::byte>& record0, std::uint8_t spc_byte = 8,
+                            std::uint64_t mft_cluster = 4) {
+  constexpr std::size_t boot = 2048 * 512;
+  std::vector<std::byte> disk(boot + 128 * 512);
+  disk[0x1BE + 4] = std::byte{0x07};
+  test::Put32(disk, 0x1BE + 8, 2048);
+  test::Put32(disk, 0x1BE + 12, 128);
+  test::PutText(disk, boot + 3, "NTFS    ");
+  test::Put16(disk, boot + 0x0B, 512);
+  disk[boot + 0x0D] = std::byte{spc_byte};
+  test::Put64(disk, boot + 0x30, mft_cluster);
+  for (std::size_t at : {std::size_t{0}, boot}) test::Put16(disk, at + 510, 0xAA55);
+  const std::size_t at = boot + mft_cluster * 8 * 512;
+  if (at + record0.size() <= disk.size()) std::copy(record0.begin(), record0.end(), disk.begin() + at);
+  return disk;
 }
 
-TEST(GetMFTSectorRanges, OneVolumeGivesItsRunsInAbsoluteSectors) {
+TEST(GetMFTSectorRanges, OneVolumeGivesItsRunsInAbsoluteSectorsAndClosesItsHandles) {
   TempDisk disk(Disk(Record0()), 512);
+  test::FaultEnv env(platform::Env::Default());
+  platform::ScopedEnv scoped(env);
   TraceCapture trace;
   Ranges ranges;
   ASSERT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
@@ -45,6 +62,9 @@ TEST(GetMFTSectorRanges, OneVolumeGivesItsRunsInAbsoluteSectors) {
   EXPECT_TRUE(trace.Has(L"[I]: VMFT::GetMFTSectorRanges : DiskGeometry.Geometry.BytesPerSector = 512"));
   EXPECT_TRUE(trace.Has(L"[I]: MFT::GetMftRanges : m_uiMftSector = " + std::to_wstring(2048 + 32)));
   EXPECT_TRUE(trace.Has(L"[I]: MFT::GetMftRanges : MftRange.first = " + std::to_wstring(0x0C1000u * 8 + 2048)));
+  EXPECT_TRUE(trace.Has(L"[I]: MFT::GetMftRanges : MftRange.second = " +
+                        std::to_wstring((0x0C1000u + 0x40) * 8 + 2048)));
+  EXPECT_EQ(env.Count(test::Call::CreateFileW), env.Count(test::Call::CloseHandle));
 }
 
 TEST(GetMFTSectorRanges, EarlierEntriesStayInFrontAndAreShiftedWithTheNewOnes) {
@@ -52,112 +72,70 @@ TEST(GetMFTSectorRanges, EarlierEntriesStayInFrontAndAreShiftedWithTheNewOnes) {
   TempDisk disk(Disk(Record0({0x11, 0x10, 0x40, 0x21, 0x08, 0x00, 0x01, 0x11, 0x04, 0xC0})), 512);
   Ranges ranges{{7, 9}};
   ASSERT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
-  EXPECT_EQ(ranges, (Ranges{{7 + 2048, 9 + 2048},
-                            {0x40 * 8 + 2048, 0x50 * 8 + 2048},
-                            {0x140 * 8 + 2048, 0x148 * 8 + 2048},
-                            {0x100 * 8 + 2048, 0x104 * 8 + 2048}}));
+  EXPECT_EQ(ranges, (Ranges{{7 + 2048, 9 + 2048}, {0x40 * 8 + 2048, 0x50 * 8 + 2048},
+                            {0x140 * 8 + 2048, 0x148 * 8 + 2048}, {0x100 * 8 + 2048, 0x104 * 8 + 2048}}));
 }
 
-TEST(GetMFTSectorRanges, BitLockerFailsTheQuery) {
+// Reports the disk geometry with `bytes_per_sector` once that is set.
+class GeometryEnv : public test::FaultEnv {
+ public:
+  using FaultEnv::FaultEnv;
+  bool DeviceIoControl(platform::HANDLE h, DWORD code, const void* in, DWORD in_size, void* out, DWORD out_size,
+                       DWORD* returned) override {
+    const bool ok = FaultEnv::DeviceIoControl(h, code, in, in_size, out, out_size, returned);
+    if (ok && code == platform::kIoctlDiskGetDriveGeometryEx && bytes_per_sector)
+      static_cast<platform::DISK_GEOMETRY_EX*>(out)->Geometry.BytesPerSector = *bytes_per_sector;
+    return ok;
+  }
+  std::optional<DWORD> bytes_per_sector;
+};
+
+// Failures of the query itself: the caller's entries are left as they were.
+TEST(GetMFTSectorRanges, BitLockerMissingVolumeAndBadGeometryFailTheQuery) {
+  const auto fails = [](wchar_t letter, const wchar_t* why) {
+    TraceCapture trace;
+    Ranges ranges{{1, 2}};
+    EXPECT_FALSE(VMFT::GetMFTSectorRanges(letter, ranges));
+    EXPECT_EQ(ranges, (Ranges{{1, 2}}));
+    EXPECT_TRUE(trace.Has(std::wstring(L"[E]: VMFT::GetMFTSectorRanges : ... ending(") + why + L")"));
+  };
   for (const char* image : {"bitlocker/bitlk-aes-xts-128.first64k", "bitlocker/bitlk-aes-xts-128-4k.first64k",
                             "bitlocker/bitlk-aes-cbc-128.first64k"}) {
     SCOPED_TRACE(image);
     TempDisk disk(test::ReadFileBytes(test::SharedImage(image)));
-    TraceCapture trace;
-    Ranges ranges{{1, 2}};
-    EXPECT_FALSE(VMFT::GetMFTSectorRanges(L'C', ranges));
-    EXPECT_EQ(ranges, (Ranges{{1, 2}}));
-    EXPECT_TRUE(trace.Has(L"[E]: VMFT::GetMFTSectorRanges : ... ending(BootSector::GetMftSector() failed)"));
+    fails(L'C', L"BootSector::GetMftSector() failed");
   }
-}
-
-TEST(GetMFTSectorRanges, AZeroClusterSizeSkipsTheExtent) {
-  TempDisk disk(Disk(Record0(), 0), 512);
-  TraceCapture trace;
-  Ranges ranges{{1, 2}};
-  EXPECT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
-  EXPECT_EQ(ranges, (Ranges{{1, 2}}));
-  EXPECT_FALSE(trace.Contains(L"MFT::GetMftRanges"));
-  EXPECT_TRUE(trace.Has(L"[V]: VMFT::GetMFTSectorRanges : ... ending"));
-}
-
-TEST(GetMFTSectorRanges, AnExtentWhoseRecordsCannotBeUsedAddsNothingButDoesNotFail) {
-  // MFT cluster past the end of the disk: the record read comes up short.
-  {
-    TempDisk disk(MbrDisk(BareVolume(512, 8, 1000, 8, {}, 128), 2048), 512);
-    Ranges ranges;
-    TraceCapture trace;
-    EXPECT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
-    EXPECT_TRUE(ranges.empty());
-    EXPECT_TRUE(trace.Has(L"[E]: MFT::GetMftRanges : ... ending(ReadMftRecord() failed)"));
-  }
-  // A resident $DATA after a good one: the good one's pairs stay, volume-relative.
-  {
-    RecordFixture r;
-    r.NonResident(layout::kData, {0x11, 0x04, 0x10}).Resident(layout::kData, 16).End();
-    TempDisk disk(Disk(r.OnDisk()), 512);
-    Ranges ranges{{1, 2}};
-    TraceCapture trace;
-    EXPECT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
-    EXPECT_EQ(ranges, (Ranges{{1, 2}, {0x80, 0xA0}}));
-    EXPECT_TRUE(trace.Has(L"[E]: MFT::GetMftRanges : ... ending(DATA_Attribute::GetSectorRange() failed)"));
-  }
-}
-
-TEST(GetMFTSectorRanges, NoVolumeBehindTheLetter) {
   TempDisk disk(Disk(Record0()), 512);
-  TraceCapture trace;
-  Ranges ranges;
-  EXPECT_FALSE(VMFT::GetMFTSectorRanges(L'D', ranges));
-  EXPECT_TRUE(ranges.empty());
-  EXPECT_TRUE(trace.Has(L"[E]: VMFT::GetMFTSectorRanges : ... ending(GetVolumeDiskExtentList() failed)"));
-}
-
-// Reports the disk geometry with the bytes per sector it is given.
-class GeometryEnv : public test::FaultEnv {
- public:
-  GeometryEnv(platform::Env& inner, DWORD bytes_per_sector) : FaultEnv(inner), bytes_(bytes_per_sector) {}
-  bool DeviceIoControl(platform::HANDLE h, DWORD code, const void* in, DWORD in_size, void* out, DWORD out_size,
-                       DWORD* returned) override {
-    const bool ok = FaultEnv::DeviceIoControl(h, code, in, in_size, out, out_size, returned);
-    if (ok && code == platform::kIoctlDiskGetDriveGeometryEx)
-      static_cast<platform::DISK_GEOMETRY_EX*>(out)->Geometry.BytesPerSector = bytes_;
-    return ok;
-  }
-
- private:
-  DWORD bytes_;
-};
-
-TEST(GetMFTSectorRanges, GeometryFailuresFailTheQuery) {
-  TempDisk disk(Disk(Record0()), 512);
-  {
-    GeometryEnv env(platform::Env::Default(), 0);
-    platform::ScopedEnv scoped(env);
-    TraceCapture trace;
-    Ranges ranges;
-    EXPECT_FALSE(VMFT::GetMFTSectorRanges(L'C', ranges));
-    EXPECT_TRUE(trace.Has(L"[E]: VMFT::GetMFTSectorRanges : ... ending(GetDiskGeometryEx() failed)"));
-  }
-  {
-    test::FaultEnv env(platform::Env::Default());
-    platform::ScopedEnv scoped(env);
-    // The first control call lists the extents, the second asks for the geometry.
-    env.FailCall(test::Call::DeviceIoControl, platform::kErrorInvalidFunction, 2);
-    TraceCapture trace;
-    Ranges ranges;
-    EXPECT_FALSE(VMFT::GetMFTSectorRanges(L'C', ranges));
-    EXPECT_TRUE(trace.Has(L"[E]: VMFT::GetMFTSectorRanges : ... ending(GetDiskGeometryEx() failed)"));
-  }
-}
-
-TEST(GetMFTSectorRanges, HandlesAreClosedAfterEachExtent) {
-  TempDisk disk(Disk(Record0()), 512);
-  test::FaultEnv env(platform::Env::Default());
+  fails(L'D', L"GetVolumeDiskExtentList() failed");
+  GeometryEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
-  Ranges ranges;
-  ASSERT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
-  EXPECT_EQ(env.Count(test::Call::CreateFileW), env.Count(test::Call::CloseHandle));
+  // The first control call lists the extents, the second asks for the geometry.
+  env.FailCall(test::Call::DeviceIoControl, platform::kErrorInvalidFunction, 2);
+  fails(L'C', L"GetDiskGeometryEx() failed");
+  env.bytes_per_sector = 0;  // would divide by zero
+  fails(L'C', L"GetDiskGeometryEx() failed");
+}
+
+// An extent that gives no usable ranges does not fail the query.
+TEST(GetMFTSectorRanges, ExtentsWithoutUsableRangesAddNothingButDoNotFail) {
+  const auto adds = [](const std::vector<std::byte>& image, const std::wstring& line, const Ranges& expected) {
+    TempDisk disk(image, 512);
+    TraceCapture trace;
+    Ranges ranges{{1, 2}};
+    EXPECT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
+    EXPECT_EQ(ranges, expected);
+    EXPECT_TRUE(trace.Has(line));
+    return trace.Contains(L"MFT::GetMftRanges");
+  };
+  // A cluster size of 0 skips the extent before any record is read.
+  EXPECT_FALSE(adds(Disk(Record0(), 0), L"[V]: VMFT::GetMFTSectorRanges : ... ending", {{1, 2}}));
+  const std::wstring failed = L"[E]: MFT::GetMftRanges : ... ending(";
+  // MFT cluster past the end of the disk: the record read comes up short.
+  adds(Disk({}, 8, 1000), failed + L"ReadMftRecord() failed)", {{1, 2}});
+  // A resident $DATA after a good one: the good one's pairs stay, volume-relative.
+  RecordFixture r;
+  r.NonResident(layout::kData, {0x11, 0x04, 0x10}).Resident(layout::kData, 16).End();
+  adds(Disk(r.OnDisk()), failed + L"DATA_Attribute::GetSectorRange() failed)", {{1, 2}, {0x80, 0xA0}});
 }
 
 TEST(GetMFTSectorRanges, RealRecordsOnAFourKSectorDisk) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <iomanip>
 #include <sstream>
 #include <typeinfo>
@@ -21,11 +22,7 @@ std::vector<std::byte> Header(std::uint32_t type) {
 }
 
 TEST(AttributeFactory, EachKnownCodeGetsItsOwnClassAndPredicates) {
-  struct Case {
-    std::uint32_t code;
-    const std::type_info& type;
-    const wchar_t* name;
-  } cases[] = {
+  struct Case { std::uint32_t code; const std::type_info& type; const wchar_t* name; } cases[] = {
       {0x10, typeid(STANDARD_INFORMATION_Attribute), L"$STANDARD_INFORMATION"},
       {0x20, typeid(ATTRIBUTE_LIST_Attribute), L"$ATTRIBUTE_LIST"},
       {0x30, typeid(FILE_NAME_Attribute), L"$FILE_NAME"},
@@ -52,10 +49,9 @@ TEST(AttributeFactory, EachKnownCodeGetsItsOwnClassAndPredicates) {
     EXPECT_EQ(typeid(ref), c.type);
     EXPECT_EQ(attribute->sectors_per_cluster(), 16u);
     EXPECT_EQ(attribute->header().data(), bytes.data());
-    EXPECT_EQ(attribute->IsData(), c.code == 0x80);
-    EXPECT_EQ(attribute->IsFileName(), c.code == 0x30);
-    EXPECT_EQ(attribute->IsAttributeList(), c.code == 0x20);
-    EXPECT_EQ(attribute->IsReparsePoint(), c.code == 0xC0);
+    EXPECT_EQ((std::array{attribute->IsData(), attribute->IsFileName(), attribute->IsAttributeList(),
+                          attribute->IsReparsePoint()}),
+              (std::array{c.code == 0x80, c.code == 0x30, c.code == 0x20, c.code == 0xC0}));
     EXPECT_TRUE(trace.Has(std::wstring(L"[V]: Attribute::Factory : ") + c.name));
     EXPECT_TRUE(trace.Has(L"[V]: Attribute::Factory : ... ending"));
     EXPECT_TRUE(IsKnownAttributeType(c.code));
@@ -90,81 +86,58 @@ TEST(AttributeFactory, EndMarkerUnknownTypesAndNullHeadersGiveNone) {
 
 TEST(AttributeTypeName, KnownNamesAndUnknownCodesInHexThenDecimalAgain) {
   std::wostringstream os;
-  WriteAttributeTypeName(os, 0x80);
-  os << L" ";
-  WriteAttributeTypeName(os, 0x100);
-  os << L" ";
-  WriteAttributeTypeName(os, 0xF0);
+  for (std::uint32_t code : {0x80u, 0x100u, 0xF0u}) WriteAttributeTypeName(os << L" ", code);
   os << L" " << 255 << L" ";
   WriteAttributeTypeName(os, 0xFFFFFFFF);
   os << L" " << 16;
-  EXPECT_EQ(os.str(), L"$DATA $LOGGED_UTILITY_STREAM 000000f0 255 ffffffff 16");
+  EXPECT_EQ(os.str(), L" $DATA $LOGGED_UTILITY_STREAM 000000f0 255 ffffffff 16");
 
   // The case of the digits and the fill are the stream's own.
   std::wostringstream upper;
-  upper << std::uppercase << std::setfill(L'*');
-  WriteAttributeTypeName(upper, 0xAB);
+  WriteAttributeTypeName(upper << std::uppercase << std::setfill(L'*'), 0xAB);
   upper << std::setw(3) << 7;
   EXPECT_EQ(upper.str(), L"000000AB**7");
 }
 
-TEST(AttributeSanitizers, SanitizeNameReplacesAndTracesEveryUnacceptableCharacter) {
-  struct Case {
-    const wchar_t* in;
-    const wchar_t* out;
-  } cases[] = {
-      {L"$I30", L"?I30"},
-      {L"my stream", L"my?stream"},
-      {L"", L""},
-      {L"Az09._!", L"Az09._!"},
-      {L"a/b\\c:\u00e9", L"a?b?c??"},
+// SanitizeAttributeName also turns a name one character away from a system name
+// into that name.
+TEST(AttributeSanitizers, BothReplaceUnacceptableCharactersAndOnlyOneRestoresSystemNames) {
+  struct Case { const wchar_t *in, *name, *attribute_name; } cases[] = {
+      {L"$I30", L"?I30", L"$I30"},
+      {L"my stream", L"my?stream", L"my?stream"},
+      {L"", L"", L""},
+      {L"Az09._!", L"Az09._!", L"Az09._!"},
+      {L"a/b\\c:\u00e9", L"a?b?c??", L"a?b?c??"},
+      {L"$MFT", L"?MFT", L"$MFT"},
+      {L"$SDS", L"?SDS", L"$SDS"},  // not taken for $SDH, two positions away
+      {L"$MountMgrDatabase", L"?MountMgrDatabase", L"$MountMgrDatabase"},
+      {L"CscBitmapStreaX", L"CscBitmapStreaX", L"CscBitmapStream"},  // no bad character, still one away
+      {L"WofCompressedData", L"WofCompressedData", L"WofCompressedData"},
+      {L"$Txx", L"?Txx", L"?Txx"},  // two away from everything
+      {L"$MFTMirr", L"?MFTMirr", L"$MFTMirr"},
+      {L"#Bad", L"?Bad", L"$Bad"},
+      {L"$Max", L"?Max", L"$Max"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.out);
-    varnel::string name(c.in);
+    SCOPED_TRACE(testing::Message() << c.in);
+    varnel::string name(c.in), attribute_name(c.in);
     Attribute::SanitizeName(name);
-    EXPECT_TRUE(name == c.out);
+    Attribute::SanitizeAttributeName(attribute_name);
+    EXPECT_TRUE(name == c.name);
+    EXPECT_TRUE(attribute_name == c.attribute_name);
   }
   test::TraceCapture trace;
   varnel::string name(L"a b");
   Attribute::SanitizeName(name);
   EXPECT_TRUE(trace.Contains(L"Attribute::SanitizeName : Unacceptable : sName[i] = '"));
+  varnel::string attribute_name(L"$I30");
+  Attribute::SanitizeAttributeName(attribute_name);
+  EXPECT_TRUE(trace.Has(L"[W]: Attribute::SanitizeAttributeName : Unacceptable : sAttributeName[i] = '$'"));
   // An embedded NUL is a character like any other.
   varnel::string nul(L"a\0b", 3);
   Attribute::SanitizeName(nul);
   EXPECT_EQ(nul.length(), 3u);
   EXPECT_TRUE(nul == L"a?b");
-}
-
-TEST(AttributeSanitizers, SanitizeAttributeNameRestoresSystemNamesOneCharacterAway) {
-  struct Case {
-    const wchar_t* in;
-    const wchar_t* out;
-  } cases[] = {
-      {L"$I30", L"$I30"},
-      {L"$MFT", L"$MFT"},
-      {L"$SDS", L"$SDS"},  // not taken for $SDH, two positions away
-      {L"$SII", L"$SII"},
-      {L"$MountMgrDatabase", L"$MountMgrDatabase"},
-      {L"CscBitmapStreaX", L"CscBitmapStream"},  // no bad character, still one away
-      {L"WofCompressedData", L"WofCompressedData"},
-      {L"$Txx", L"?Txx"},  // two away from everything
-      {L"my stream", L"my?stream"},
-      {L"", L""},
-      {L"$MFTMirr", L"$MFTMirr"},
-      {L"#Bad", L"$Bad"},
-      {L"$Max", L"$Max"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.out);
-    varnel::string name(c.in);
-    Attribute::SanitizeAttributeName(name);
-    EXPECT_TRUE(name == c.out);
-  }
-  test::TraceCapture trace;
-  varnel::string name(L"$I30");
-  Attribute::SanitizeAttributeName(name);
-  EXPECT_TRUE(trace.Has(L"[W]: Attribute::SanitizeAttributeName : Unacceptable : sAttributeName[i] = '$'"));
 }
 
 }  // namespace

@@ -3,95 +3,66 @@
 #include <gtest/gtest.h>
 
 #include "mft/layout.h"
+#include "mft/record_fixture.h"
 #include "support/temp_disk.h"
 #include "support/trace_capture.h"
 
 namespace koru {
 namespace {
 
-using test::Put16;
-using test::Put32;
-
-// A record whose attributes start at 0x38: a resident $STANDARD_INFORMATION of
-// 0x60 bytes, a non-resident $DATA of 0x48 bytes, then the end marker.
+// A resident $STANDARD_INFORMATION at 0x38 (0x60 bytes), a non-resident $DATA at
+// 0x98 (0x48 bytes), then the end marker at 0xE0.
 std::vector<std::byte> Record() {
-  std::vector<std::byte> r(layout::kRecordSize);
-  test::PutText(r, 0, "FILE");
-  Put16(r, layout::kRecFirstAttribute, 0x38);
-  Put32(r, 0x38 + layout::kAttrType, layout::kStandardInformation);
-  Put32(r, 0x38 + layout::kAttrLength, 0x60);
-  Put32(r, 0x98 + layout::kAttrType, layout::kData);
-  Put32(r, 0x98 + layout::kAttrLength, 0x48);
-  r[0x98 + layout::kAttrNonResident] = std::byte{1};
-  Put16(r, 0x98 + layout::kAttrRunListOffset, 0x40);
-  Put32(r, 0xE0, layout::kEndOfAttributes);
-  return r;
+  test::RecordFixture r;
+  r.Resident(layout::kStandardInformation, 0x48).NonResident(layout::kData, {}).End();
+  return r.bytes();
 }
 
-std::vector<std::uint32_t> Walk(const std::vector<std::byte>& record, bool* bounds = nullptr) {
+std::vector<std::uint32_t> Walk(const std::vector<std::byte>& record, bool& bounds) {
   AttributeWalk walk(Bytes(record), 8, 1234);
   std::vector<std::uint32_t> types;
   while (auto a = walk.Next()) types.push_back(le32Or0(a->header(), 0));
-  if (bounds) *bounds = walk.stopped_on_bounds();
+  bounds = walk.stopped_on_bounds();
   return types;
 }
 
-TEST(AttributeWalk, VisitsEveryAttributeUpToTheEndMarker) {
-  bool bounds = true;
-  EXPECT_EQ(Walk(Record(), &bounds), (std::vector<std::uint32_t>{layout::kStandardInformation, layout::kData}));
-  EXPECT_FALSE(bounds);
-}
-
-TEST(AttributeWalk, TypeZeroAndUnknownTypesEndTheWalk) {
-  auto r = Record();
-  Put32(r, 0x98, 0);
-  EXPECT_EQ(Walk(r).size(), 1u);
-  r = Record();
-  Put32(r, 0x98, 0xF0);
-  test::TraceCapture trace;
-  EXPECT_EQ(Walk(r).size(), 1u);
-  EXPECT_TRUE(trace.Has(L"[E]: Attribute::Factory : Unknown Atribute Type : pAttrHdr->AttributeType = 240"));
-}
-
-TEST(AttributeWalk, HostileLengthsStopWithATraceInsteadOfLeavingTheRecord) {
+TEST(AttributeWalk, EndsAtTheEndMarkerTypeZeroAnUnknownTypeOrAnyBoundsBreach) {
   struct Case {
     const char* what;
     std::size_t at;
     std::uint32_t value;
+    std::size_t visited;  // how many of the two attributes come out
+    bool bounds, unknown;  // ended on a bounds breach; the factory saw an unknown type
   } cases[] = {
-      {"length 0 would not advance", 0x38 + layout::kAttrLength, 0},
-      {"length shorter than a header", 0x38 + layout::kAttrLength, 0x10},
-      {"length 0xFFFF", 0x38 + layout::kAttrLength, 0xFFFF},
-      {"non-resident length shorter than its header", 0x98 + layout::kAttrLength, 0x30},
-      {"length past the buffer", 0x98 + layout::kAttrLength, 0x400},
+      {"intact record", 0x3F0, 0, 2, false, false},  // writes into unused space
+      {"type 0", 0x98, 0, 1, false, false},
+      {"unknown type", 0x98, 0xF0, 1, false, true},
+      {"length 0 would not advance", 0x38 + layout::kAttrLength, 0, 0, true, false},
+      {"length shorter than a header", 0x38 + layout::kAttrLength, 0x10, 0, true, false},
+      {"length 0xFFFF", 0x38 + layout::kAttrLength, 0xFFFF, 0, true, false},
+      {"non-resident length shorter than its header", 0x98 + layout::kAttrLength, 0x30, 1, true, false},
+      {"length past the buffer", 0x98 + layout::kAttrLength, 0x400, 1, true, false},
+      {"32-bit length whose low half is 0", 0x98 + layout::kAttrLength, 0x10000, 1, true, false},
+      // The first-attribute offset is 16 bits; the flags after it do not matter here.
+      {"first attribute at 0x3FE", layout::kRecFirstAttribute, 0x3FE, 0, true, false},
+      {"first attribute at 0x400", layout::kRecFirstAttribute, 0x400, 0, true, false},
+      {"first attribute at 0xFFFF", layout::kRecFirstAttribute, 0xFFFF, 0, true, false},
+      {"header cut by the buffer", layout::kRecFirstAttribute, 0x3FC, 0, true, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     auto r = Record();
-    Put32(r, c.at, c.value);
+    test::Put32(r, c.at, c.value);
+    test::Put32(r, 0x3FC, layout::kData);  // what a cut header at 0x3FC would start with
     test::TraceCapture trace;
-    bool bounds = false;
-    Walk(r, &bounds);
-    EXPECT_TRUE(bounds);
-    EXPECT_TRUE(trace.Contains(L"record at sector 1234"));
+    bool bounds = !c.bounds;
+    const auto types = Walk(r, bounds);
+    const std::uint32_t all[] = {layout::kStandardInformation, layout::kData};
+    EXPECT_EQ(types, std::vector<std::uint32_t>(all, all + c.visited));
+    EXPECT_EQ(bounds, c.bounds);
+    EXPECT_EQ(trace.Contains(L"record at sector 1234"), c.bounds);
+    EXPECT_EQ(trace.Contains(L"[E]: Attribute::Factory : Unknown Atribute Type"), c.unknown);
   }
-}
-
-TEST(AttributeWalk, FirstAttributeOffsetPastTheBufferStops) {
-  for (std::uint16_t offset : {0x3FE, 0x400, 0xFFFF}) {
-    auto r = Record();
-    Put16(r, layout::kRecFirstAttribute, offset);
-    bool bounds = false;
-    EXPECT_TRUE(Walk(r, &bounds).empty());
-    EXPECT_TRUE(bounds);
-  }
-  // An attribute header cut by the buffer's end.
-  auto r = Record();
-  Put16(r, layout::kRecFirstAttribute, 0x3FC);
-  Put32(r, 0x3FC, layout::kData);
-  bool bounds = false;
-  EXPECT_TRUE(Walk(r, &bounds).empty());
-  EXPECT_TRUE(bounds);
 }
 
 TEST(AttributeWalk, EveryRecordOfRealMftFilesWalksWithinBounds) {
