@@ -26,15 +26,12 @@ std::string Narrow(const std::wstring& text) {
   return out;
 }
 
-TEST(VmftModuleProperty, UnknownCategoriesReturnOneAndLeaveTheString) {
+TEST(VmftModuleProperty, UnknownCategoriesReturnOneDescriptionNamesTheBuild) {
   for (int category : {0, 3}) {
     varnel::string text(L"as it was");
     EXPECT_EQ(VMFT::GetModuleProperty(static_cast<VMFT::GMP_CAT>(category), text), 1u);
     EXPECT_STREQ(text.c_str(), L"as it was");
   }
-}
-
-TEST(VmftModuleProperty, DescriptionNamesTheBuild) {
   varnel::string text;
   EXPECT_EQ(VMFT::GetModuleProperty(VMFT::GMP_CAT_DESCRIPTION, text), 0u);
   const std::wregex form(LR"(Varnel MFT Library \(VMFT\) created on [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4} at [0-9]{2}:[0-9]{2}:[0-9]{2})");
@@ -64,25 +61,20 @@ class VmftVersion : public ::testing::Test {
   TraceCapture trace_;
 };
 
-TEST_F(VmftVersion, ReadsTheFileVersionOfTheLibraryAndRecordsIt) {
+TEST_F(VmftVersion, ReadsTheFileVersionOfTheLibraryAndRecordsItBesideOtherModules) {
+  dir_.Write("Logs/Version.log", "[OTHER.DLL]\r\nVersion=7\r\n[KORU_MFT.DLL]\r\nVersion=0.9\r\n");
   EXPECT_EQ(Version(), L"1.2.3.4");
-  EXPECT_EQ(fake_.version_queries(), (std::vector<std::wstring>{L"\\VarFileInfo\\Translation", kUsQuery}));
-  EXPECT_EQ(dir_.Read("Logs/Version.log"), "[KORU_MFT.DLL]\r\nVersion=1.2.3.4\r\n");
+  EXPECT_EQ(fake_.version_queries, (std::vector<std::wstring>{L"\\VarFileInfo\\Translation", kUsQuery}));
+  EXPECT_EQ(dir_.Read("Logs/Version.log"), "[OTHER.DLL]\r\nVersion=7\r\n[KORU_MFT.DLL]\r\nVersion=1.2.3.4\r\n");
   EXPECT_TRUE(trace_.Has(L"[V]: VMFT::GetResourceVersionStr : starting ..."));
   EXPECT_TRUE(trace_.Has(L"[V]: VMFT::GetResourceVersionStr : ... ending"));
-}
-
-TEST_F(VmftVersion, VersionLogKeepsOtherModules) {
-  dir_.Write("Logs/Version.log", "[OTHER.DLL]\r\nVersion=7\r\n[KORU_MFT.DLL]\r\nVersion=0.9\r\n");
-  Version();
-  EXPECT_EQ(dir_.Read("Logs/Version.log"), "[OTHER.DLL]\r\nVersion=7\r\n[KORU_MFT.DLL]\r\nVersion=1.2.3.4\r\n");
 }
 
 TEST_F(VmftVersion, WithoutATranslationTable0809And04B0AreUsed) {
   faults_.FailCall(Call::VerQueryValueW, platform::kErrorResourceTypeNotFound);
   EXPECT_EQ(Version(), L"1.2.3.4-uk");
   EXPECT_TRUE(trace_.Has(L"[E]: VMFT::GetResourceVersionStr : VerQueryValue failed : dwLastError = 1813"));
-  EXPECT_EQ(fake_.version_queries(), (std::vector<std::wstring>{kUkQuery}));
+  EXPECT_EQ(fake_.version_queries, (std::vector<std::wstring>{kUkQuery}));
 
   trace_.Reset();
   fake_.translation.reset();  // a block that has none

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <tuple>
 
 #include "support/temp_dir.h"
 
@@ -16,11 +17,10 @@ using platform::PosixEnv;
 
 class PosixIni : public ::testing::Test {
  protected:
-  std::wstring Get(const wchar_t* section, const wchar_t* key, const wchar_t* fallback = L"dflt",
-                   const std::string& file = "test.ini", platform::DWORD size = 64) {
+  std::wstring Get(const wchar_t* section, const wchar_t* key, const wchar_t* fallback, const std::wstring& file,
+                   platform::DWORD size = 64) {
     std::vector<wchar_t> buffer(size + 1, L'#');
-    const platform::DWORD n =
-        env_.GetPrivateProfileStringW(section, key, fallback, buffer.data(), size, dir_.win(file).c_str());
+    const platform::DWORD n = env_.GetPrivateProfileStringW(section, key, fallback, buffer.data(), size, file.c_str());
     EXPECT_EQ(n, std::wcslen(buffer.data()));
     return buffer.data();
   }
@@ -29,53 +29,52 @@ class PosixIni : public ::testing::Test {
   PosixEnv env_;
 };
 
-TEST_F(PosixIni, SectionsAndKeysMatchWithoutRegardToCase) {
-  dir_.Write("test.ini", "[File Locations]\r\nLogfiles = Z:\\logs\\here \r\n");
-  EXPECT_EQ(Get(L"file locations", L"LOGFILES"), L"Z:\\logs\\here");
-  EXPECT_EQ(Get(L"FILE LOCATIONS", L"logfiles"), L"Z:\\logs\\here");
-}
-
-TEST_F(PosixIni, TheFirstMatchWins) {
+TEST_F(PosixIni, ReadingStringsAndIntegers) {
   dir_.Write("test.ini",
-             "[Main]\nLevel=1\nlevel=2\n[Other]\nLevel=9\n[MAIN]\nLevel=3\nOnlyLater=4\n");
-  EXPECT_EQ(Get(L"Main", L"Level"), L"1");
-  EXPECT_EQ(Get(L"Main", L"OnlyLater"), L"dflt");  // only the first [Main] is searched
-  EXPECT_EQ(env_.GetPrivateProfileIntW(L"main", L"LEVEL", 5, dir_.win("test.ini").c_str()), 1u);
+             "[File Locations]\r\nLogfiles = Z:\\logs\\here \r\n"
+             "[Main]\nLevel=1\nlevel=2\n[Other]\nLevel=9\n[MAIN]\nLevel=3\nOnlyLater=4\n"
+             "[S]\nlong=0123456789\nquoted=\"a b\"\nempty=\na=42\nb=7 levels\nc=none\nd=-1\n");
+  const std::wstring file = dir_.win("test.ini"), absent = dir_.win("absent.ini");
+  const std::wstring host = std::filesystem::path(dir_ / "test.ini").wstring();
+  struct Text {
+    const wchar_t *section, *key, *fallback;
+    const std::wstring& file;
+    platform::DWORD size;
+    const wchar_t* expected;
+  };
+  const Text texts[] = {
+      {L"file locations", L"LOGFILES", L"d", file, 64, L"Z:\\logs\\here"},  // no case, trimmed
+      {L"FILE LOCATIONS", L"logfiles", L"d", file, 64, L"Z:\\logs\\here"},
+      {L"Main", L"Level", L"d", file, 64, L"1"},                             // the first match wins
+      {L"Main", L"OnlyLater", L"d", file, 64, L"d"},                         // only the first [Main] counts
+      {L"Main", L"Missing", L".\\Logfiles", file, 64, L".\\Logfiles"},
+      {L"Nowhere", L"Level", L"d", file, 64, L"d"},
+      {L"Main", L"Level", L"d", absent, 64, L"d"},
+      {L"S", L"long", L"", file, 5, L"0123"},                                // cut to the buffer
+      {L"S", L"quoted", L"d", file, 64, L"a b"},
+      {L"S", L"empty", L"d", file, 64, L""},
+      {L"S", L"a", L"", host, 64, L"42"},                                    // a host path works too
+  };
+  for (const Text& t : texts)
+    EXPECT_EQ(Get(t.section, t.key, t.fallback, t.file, t.size), t.expected) << t.section << "/" << t.key;
+
+  const std::tuple<const wchar_t*, const wchar_t*, const std::wstring&, platform::UINT> ints[] = {
+      {L"main", L"LEVEL", file, 1u},  {L"Main", L"Missing", file, 5u}, {L"Main", L"Level", absent, 5u},
+      {L"S", L"a", file, 42u},        {L"S", L"b", file, 7u},          {L"S", L"c", file, 0u},
+      {L"S", L"d", file, 0xFFFFFFFFu},
+  };
+  for (const auto& [section, key, in, expected] : ints)
+    EXPECT_EQ(env_.GetPrivateProfileIntW(section, key, 5, in.c_str()), expected) << section << "/" << key;
 }
 
-TEST_F(PosixIni, DefaultsWhenTheFileSectionOrKeyIsMissing) {
-  dir_.Write("test.ini", "[Main]\nLevel=1\n");
-  EXPECT_EQ(Get(L"Main", L"Missing"), L"dflt");
-  EXPECT_EQ(Get(L"Nowhere", L"Level"), L"dflt");
-  EXPECT_EQ(Get(L"Main", L"Level", L"dflt", "absent.ini"), L"dflt");
-  EXPECT_EQ(Get(L"Main", L"Missing", L".\\Logfiles"), L".\\Logfiles");
-  EXPECT_EQ(env_.GetPrivateProfileIntW(L"Main", L"VMFT_TraceLevel", 5, dir_.win("absent.ini").c_str()), 5u);
-  EXPECT_EQ(env_.GetPrivateProfileIntW(L"Main", L"Missing", 5, dir_.win("test.ini").c_str()), 5u);
-}
-
-TEST_F(PosixIni, ValuesAreCutToTheBufferAndUnquoted) {
-  dir_.Write("test.ini", "[S]\nlong=0123456789\nquoted=\"a b\"\nempty=\n");
-  EXPECT_EQ(Get(L"S", L"long", L"", "test.ini", 5), L"0123");
-  EXPECT_EQ(Get(L"S", L"quoted"), L"a b");
-  EXPECT_EQ(Get(L"S", L"empty"), L"");
-}
-
-TEST_F(PosixIni, IntegersReadTheirLeadingDigits) {
-  dir_.Write("test.ini", "[S]\na=42\nb=7 levels\nc=none\nd=-1\n");
-  const std::wstring file = dir_.win("test.ini");
-  EXPECT_EQ(env_.GetPrivateProfileIntW(L"S", L"a", 5, file.c_str()), 42u);
-  EXPECT_EQ(env_.GetPrivateProfileIntW(L"S", L"b", 5, file.c_str()), 7u);
-  EXPECT_EQ(env_.GetPrivateProfileIntW(L"S", L"c", 5, file.c_str()), 0u);
-  EXPECT_EQ(env_.GetPrivateProfileIntW(L"S", L"d", 5, file.c_str()), 0xFFFFFFFFu);
-}
-
-TEST_F(PosixIni, WritingCreatesFileSectionAndKey) {
+TEST_F(PosixIni, WritingCreatesFileSectionAndKeyButNoDirectory) {
   const std::wstring file = dir_.win("new.ini");
   ASSERT_TRUE(env_.WritePrivateProfileStringW(L"KORU_MFT.DLL", L"Version", L"1.0.0.0", file.c_str()));
   EXPECT_EQ(dir_.Read("new.ini"), "[KORU_MFT.DLL]\r\nVersion=1.0.0.0\r\n");
   ASSERT_TRUE(env_.WritePrivateProfileStringW(L"Other", L"Version", L"2", file.c_str()));
   ASSERT_TRUE(env_.WritePrivateProfileStringW(L"koru_mft.dll", L"Built", L"today", file.c_str()));
   EXPECT_EQ(dir_.Read("new.ini"), "[KORU_MFT.DLL]\r\nVersion=1.0.0.0\r\nBuilt=today\r\n[Other]\r\nVersion=2\r\n");
+  EXPECT_FALSE(env_.WritePrivateProfileStringW(L"A", L"k", L"v", dir_.win("no/such/dir.ini").c_str()));
 }
 
 TEST_F(PosixIni, WritingReplacesTheKeyAndKeepsTheRest) {
@@ -85,28 +84,15 @@ TEST_F(PosixIni, WritingReplacesTheKeyAndKeepsTheRest) {
   EXPECT_EQ(dir_.Read("keep.ini"), "; comment\r\n[A]\r\nx=1\r\nVersion=new\r\ny=2\r\n\r\n[B]\r\nz=3\r\n");
   ASSERT_TRUE(env_.WritePrivateProfileStringW(L"A", L"added", L"4", file.c_str()));
   EXPECT_EQ(dir_.Read("keep.ini"), "; comment\r\n[A]\r\nx=1\r\nVersion=new\r\ny=2\r\nadded=4\r\n\r\n[B]\r\nz=3\r\n");
-  EXPECT_EQ(Get(L"b", L"Z", L"", "keep.ini"), L"3");
+  EXPECT_EQ(Get(L"b", L"Z", L"", file), L"3");
 }
 
-TEST_F(PosixIni, WritingIntoAMissingDirectoryFails) {
-  EXPECT_FALSE(env_.WritePrivateProfileStringW(L"A", L"k", L"v", dir_.win("no/such/dir.ini").c_str()));
-}
-
-TEST_F(PosixIni, HostPathsAreAcceptedToo) {
-  dir_.Write("host.ini", "[S]\nk=v\n");
-  wchar_t buffer[16];
-  const std::wstring host = std::filesystem::path(dir_ / "host.ini").wstring();
-  env_.GetPrivateProfileStringW(L"S", L"k", L"", buffer, 16, host.c_str());
-  EXPECT_STREQ(buffer, L"v");
-}
-
-TEST(PosixModule, TheProgramAnswersAsZColonPath) {
+TEST(PosixModule, TheProgramAnswersAsZColonPathAndTheLibraryIsUnknown) {
   PosixEnv env;
   wchar_t buffer[4096];
   const platform::DWORD n = env.GetModuleFileNameW(nullptr, buffer, 4096);
   ASSERT_GT(n, 0u);
-  const std::wstring expected =
-      platform::WindowsPath(std::filesystem::read_symlink("/proc/self/exe").string());
+  const std::wstring expected = platform::WindowsPath(std::filesystem::read_symlink("/proc/self/exe").string());
   EXPECT_EQ(std::wstring(buffer, n), expected);
   EXPECT_EQ(expected.rfind(L"Z:\\", 0), 0u);
   EXPECT_EQ(expected.find(L'/'), std::wstring::npos);
@@ -117,10 +103,8 @@ TEST(PosixModule, TheProgramAnswersAsZColonPath) {
   EXPECT_EQ(env.GetModuleFileNameW(nullptr, small, 5), 5u);
   EXPECT_EQ(env.GetLastError(), platform::kErrorInsufficientBuffer);
   EXPECT_EQ(std::wstring(small), expected.substr(0, 4));
-}
 
-TEST(PosixModule, TheLibraryNameIsUnknownToAProgramWithoutTheSharedObject) {
-  PosixEnv env;
+  // A program without the shared object.
   EXPECT_EQ(env.GetModuleHandleW(L"KORU_MFT.DLL"), nullptr);
   EXPECT_NE(env.GetModuleHandleW(nullptr), nullptr);
 }

@@ -2,11 +2,15 @@
 // module-identity code sees it, made of tables a test fills. Files, INI profiles and
 // everything else go to the wrapped Env (the real one by default), so a prodspec.ini,
 // a kor.ini or a log written to a temporary directory are real files. Wrap it in a
-// FaultEnv to make chosen calls fail on top of it.
+// FaultEnv to make chosen calls fail on top of it. Not thread-safe: the tables are
+// touched only from the test's own thread.
 #pragma once
 
+#include <algorithm>
+#include <cstring>
+#include <cwctype>
+#include <iterator>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -19,6 +23,10 @@ namespace koru::test {
 
 class FakeSystemEnv : public FaultEnv {
  public:
+  using HKEY = platform::HKEY;
+  using LONG = platform::LONG;
+  using UINT = platform::UINT;
+
   explicit FakeSystemEnv(platform::Env& inner = platform::Env::Default()) : FaultEnv(inner) {}
 
   // --- system information
@@ -26,37 +34,41 @@ class FakeSystemEnv : public FaultEnv {
   std::optional<DWORD> product_info;               // none: GetProductInfo is not exported
   std::wstring system_dir;                         // empty: GetSystemDirectoryW fails
   bool wow64 = false;                              // GetSystemWow64DirectoryW answers
-  void SetVersion(DWORD major, DWORD minor, std::uint8_t product_type, DWORD build = 0) {
-    platform::OsVersionInfo info;
+  void SetVersion(DWORD major, DWORD minor, std::uint8_t product_type) {
+    platform::OsVersionInfo info{};
     info.dwMajorVersion = major;
     info.dwMinorVersion = minor;
-    info.dwBuildNumber = build;
     info.dwPlatformId = 2;
     info.wProductType = product_type;
     version = info;
   }
 
   // --- registry below HKEY_LOCAL_MACHINE; key paths compare without regard to case
-  void AddKey(const std::wstring& key);
-  void SetString(const std::wstring& key, const std::wstring& name, const std::wstring& text);
-  void SetValue(const std::wstring& key, const std::wstring& name, DWORD type, std::vector<unsigned char> data);
+  void AddKey(const std::wstring& key) { keys_[Fold(key)]; }
+  void SetValue(const std::wstring& key, const std::wstring& name, DWORD type, std::vector<unsigned char> data) {
+    keys_[Fold(key)][Fold(name)] = Value{type, std::move(data)};
+  }
+  void SetString(const std::wstring& key, const std::wstring& name, const std::wstring& text) {
+    std::vector<unsigned char> data((text.size() + 1) * sizeof(wchar_t), 0);
+    std::memcpy(data.data(), text.c_str(), text.size() * sizeof(wchar_t));
+    SetValue(key, name, platform::kRegSz, std::move(data));
+  }
   struct Open {
     std::wstring key;
     DWORD sam;
   };
-  std::vector<Open> opens() const;
-  std::vector<std::wstring> unloads() const;
-  int open_keys() const;
-  platform::LONG unload_result = 0;
+  std::vector<Open> opens;
+  std::vector<std::wstring> unloads;
+  std::map<HKEY, std::wstring> open_keys;  // handle -> folded key
+  LONG unload_result = 0;
 
-  // --- privileges of the process token
+  // --- privileges of the process token; a privilege's LUID is its 1-based place in known_privileges
   std::set<std::wstring> known_privileges{L"SeRestorePrivilege", L"SeBackupPrivilege"};
   bool token_opens = true;
   bool adjust_succeeds = true;
-  bool enabled(const std::wstring& privilege) const;
-  void set_enabled(const std::wstring& privilege, bool on);
-  std::vector<DWORD> token_accesses() const;
-  int open_tokens() const;
+  std::map<std::wstring, bool> enabled;
+  std::vector<DWORD> token_accesses;
+  std::set<std::uintptr_t> open_tokens;
 
   // --- module identity
   std::wstring exe_path;                 // GetModuleFileNameW(NULL); empty: the real one
@@ -64,63 +76,177 @@ class FakeSystemEnv : public FaultEnv {
   std::wstring library_path = L"Z:\\opt\\koru\\KORU_MFT.DLL";
   std::optional<std::pair<std::uint16_t, std::uint16_t>> translation{{0x0409, 0x04B0}};
   std::map<std::wstring, std::wstring> version_strings;  // sub-block -> text
-  std::vector<std::wstring> version_queries() const;
+  std::vector<std::wstring> version_queries;
 
-  // --- network text
+  // --- network text, time and thread
   bool inet_ntoa_fails = false;
-  bool InetNtoa(DWORD network_order, char* buffer, std::size_t size) override {
-    return !inet_ntoa_fails && FaultEnv::InetNtoa(network_order, buffer, size);
-  }
-
-  // --- time and thread
   std::optional<platform::SystemTime> local_time;
   std::optional<DWORD> thread_id;
 
-  platform::HMODULE GetModuleHandleW(const wchar_t* name) override;
-  DWORD GetModuleFileNameW(platform::HMODULE module, wchar_t* buffer, DWORD size) override;
-  DWORD GetFileVersionInfoSizeW(const wchar_t* file) override;
-  bool GetFileVersionInfoW(const wchar_t* file, DWORD size, void* data) override;
-  bool VerQueryValueW(const void* block, const wchar_t* sub, const void** value, platform::UINT* length) override;
-  void GetLocalTime(platform::SystemTime* t) override;
-  DWORD GetCurrentThreadId() override;
-  bool GetVersionExW(platform::OsVersionInfo* info) override;
-  bool GetProductInfo(DWORD major, DWORD minor, DWORD sp_major, DWORD sp_minor, DWORD* type) override;
-  platform::UINT GetSystemDirectoryW(wchar_t* buffer, platform::UINT size) override;
-  platform::UINT GetSystemWow64DirectoryW(wchar_t* buffer, platform::UINT size) override;
-  platform::LONG RegOpenKeyExW(platform::HKEY root, const wchar_t* key, DWORD options, DWORD sam,
-                               platform::HKEY* out) override;
-  platform::LONG RegQueryValueExW(platform::HKEY key, const wchar_t* name, DWORD* type, void* data,
-                                  DWORD* size) override;
-  platform::LONG RegCloseKey(platform::HKEY key) override;
-  platform::LONG RegUnLoadKeyW(platform::HKEY root, const wchar_t* key) override;
-  bool OpenProcessToken(DWORD access, platform::HANDLE* token) override;
-  bool LookupPrivilegeValueW(const wchar_t* name, platform::Luid* luid) override;
+  bool InetNtoa(DWORD network_order, char* buffer, std::size_t size) override {
+    return !inet_ntoa_fails && FaultEnv::InetNtoa(network_order, buffer, size);
+  }
+  void GetLocalTime(platform::SystemTime* t) override {
+    if (local_time) *t = *local_time; else FaultEnv::GetLocalTime(t);
+  }
+  DWORD GetCurrentThreadId() override { return thread_id ? *thread_id : FaultEnv::GetCurrentThreadId(); }
+
+  platform::HMODULE GetModuleHandleW(const wchar_t* name) override {
+    if (name == nullptr) return Module(1);
+    if (library_loaded && Fold(name) == L"koru_mft.dll") return Module(2);
+    Fail(126);  // ERROR_MOD_NOT_FOUND
+    return nullptr;
+  }
+  DWORD GetModuleFileNameW(platform::HMODULE module, wchar_t* buffer, DWORD size) override {
+    if (module == nullptr) module = Module(1);
+    if (module == Module(1) && exe_path.empty()) return FaultEnv::GetModuleFileNameW(nullptr, buffer, size);
+    if (module == Module(1) || module == Module(2))
+      return Copy(module == Module(1) ? exe_path : library_path, buffer, size);
+    return Fail(126);
+  }
+  DWORD GetFileVersionInfoSizeW(const wchar_t* file) override {
+    const std::wstring name = Fold(file);
+    if (name != Fold(library_path) && name != Fold(exe_path)) return Fail(platform::kErrorResourceTypeNotFound);
+    return sizeof kBlockMark;
+  }
+  bool GetFileVersionInfoW(const wchar_t* file, DWORD size, void* data) override {
+    if (GetFileVersionInfoSizeW(file) == 0) return false;
+    if (size < sizeof kBlockMark) return Fail(platform::kErrorInsufficientBuffer);
+    std::memcpy(data, kBlockMark, sizeof kBlockMark);
+    return true;
+  }
+  bool VerQueryValueW(const void* block, const wchar_t* sub, const void** value, UINT* length) override {
+    // The block must be the one GetFileVersionInfoW filled.
+    if (std::memcmp(block, kBlockMark, sizeof kBlockMark) != 0) return Fail(platform::kErrorResourceTypeNotFound);
+    version_queries.push_back(sub);
+    if (Fold(sub) == Fold(L"\\VarFileInfo\\Translation")) {
+      if (!translation) return Fail(platform::kErrorResourceTypeNotFound);
+      translation_words_[0] = translation->first;
+      translation_words_[1] = translation->second;
+      *value = translation_words_;
+      *length = sizeof translation_words_;
+      return true;
+    }
+    for (const auto& [key, text] : version_strings) {
+      if (Fold(key) != Fold(sub)) continue;
+      *value = text.c_str();
+      *length = static_cast<UINT>(text.size() + 1);
+      return true;
+    }
+    return Fail(platform::kErrorResourceTypeNotFound);
+  }
+
+  bool GetVersionExW(platform::OsVersionInfo* info) override {
+    if (!version) return Fail(platform::kErrorInvalidParameter);
+    *info = *version;
+    return true;
+  }
+  bool GetProductInfo(DWORD, DWORD, DWORD, DWORD, DWORD* type) override {
+    if (!product_info) return Fail(platform::kErrorProcNotFound);
+    *type = *product_info;
+    return true;
+  }
+  UINT GetSystemDirectoryW(wchar_t* buffer, UINT size) override {
+    return system_dir.empty() ? Fail(platform::kErrorCallNotImplemented) : Copy(system_dir, buffer, size);
+  }
+  UINT GetSystemWow64DirectoryW(wchar_t* buffer, UINT size) override {
+    return wow64 ? Copy(L"C:\\Windows\\SysWOW64", buffer, size) : Fail(platform::kErrorCallNotImplemented);
+  }
+
+  LONG RegOpenKeyExW(HKEY root, const wchar_t* key, DWORD, DWORD sam, HKEY* out) override {
+    opens.push_back({key, sam});
+    *out = 0;
+    if (root != platform::kHKeyLocalMachine) return platform::kErrorInvalidParameter;
+    if (keys_.find(Fold(key)) == keys_.end()) return platform::kErrorFileNotFound;
+    *out = (next_key_ += 4);
+    open_keys[*out] = Fold(key);
+    return 0;
+  }
+  LONG RegQueryValueExW(HKEY key, const wchar_t* name, DWORD* type, void* data, DWORD* size) override {
+    auto handle = open_keys.find(key);
+    if (handle == open_keys.end()) return platform::kErrorInvalidHandle;
+    const auto& values = keys_[handle->second];
+    auto it = values.find(Fold(name));
+    if (it == values.end()) return platform::kErrorFileNotFound;
+    const auto needed = static_cast<DWORD>(it->second.data.size());
+    if (type) *type = it->second.type;
+    const bool fits = data == nullptr || *size >= needed;
+    if (data != nullptr && fits) std::memcpy(data, it->second.data.data(), needed);
+    *size = needed;
+    return fits ? 0 : platform::kErrorMoreData;
+  }
+  LONG RegCloseKey(HKEY key) override { return open_keys.erase(key) == 1 ? 0 : platform::kErrorInvalidHandle; }
+  LONG RegUnLoadKeyW(HKEY, const wchar_t* key) override {
+    unloads.push_back(key);
+    return unload_result;
+  }
+
+  bool OpenProcessToken(DWORD access, platform::HANDLE* token) override {
+    token_accesses.push_back(access);
+    if (!token_opens) return Fail(platform::kErrorAccessDenied);
+    open_tokens.insert(next_token_ += 4);
+    *token = reinterpret_cast<platform::HANDLE>(next_token_);
+    return true;
+  }
+  bool LookupPrivilegeValueW(const wchar_t* name, platform::Luid* luid) override {
+    auto it = known_privileges.find(name);
+    if (it == known_privileges.end()) return Fail(platform::kErrorNoSuchPrivilege);
+    luid->LowPart = static_cast<DWORD>(std::distance(known_privileges.begin(), it) + 1);
+    luid->HighPart = 0;
+    return true;
+  }
   bool AdjustTokenPrivileges(platform::HANDLE token, const platform::TokenPrivileges* state, DWORD size,
-                             platform::TokenPrivileges* previous, DWORD* returned) override;
-  bool CloseHandle(platform::HANDLE handle) override;
+                             platform::TokenPrivileges* previous, DWORD* returned) override {
+    if (open_tokens.count(reinterpret_cast<std::uintptr_t>(token)) == 0) return Fail(platform::kErrorInvalidHandle);
+    if (!adjust_succeeds) return Fail(platform::kErrorAccessDenied);
+    if (previous != nullptr && size < sizeof *previous) return Fail(platform::kErrorInsufficientBuffer);
+    const DWORD index = state->PrivilegeLuid.LowPart;
+    if (index == 0 || index > known_privileges.size()) return Fail(platform::kErrorNoSuchPrivilege);
+    bool& on = enabled[*std::next(known_privileges.begin(), index - 1)];
+    if (previous) {
+      *previous = *state;
+      previous->Attributes = on ? platform::kSePrivilegeEnabled : 0;
+      *returned = sizeof *previous;
+    }
+    on = (state->Attributes & platform::kSePrivilegeEnabled) != 0;
+    return true;
+  }
+  bool CloseHandle(platform::HANDLE handle) override {
+    return open_tokens.erase(reinterpret_cast<std::uintptr_t>(handle)) == 1 || FaultEnv::CloseHandle(handle);
+  }
 
  private:
   struct Value {
     DWORD type;
     std::vector<unsigned char> data;
   };
-  static std::wstring Fold(const std::wstring& text);
+  static constexpr char kBlockMark[8] = {'F', 'A', 'K', 'E', 'V', 'E', 'R', 0};
+  static platform::HMODULE Module(std::uintptr_t id) { return reinterpret_cast<platform::HMODULE>(id); }
+  // Case folded, without a trailing backslash.
+  static std::wstring Fold(const wchar_t* text) {
+    std::wstring out = text;
+    for (auto& c : out) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
+    while (!out.empty() && out.back() == L'\\') out.pop_back();
+    return out;
+  }
+  static std::wstring Fold(const std::wstring& text) { return Fold(text.c_str()); }
   bool Fail(DWORD error) {
     SetLastError(error);
     return false;
   }
+  // Win32 copy-out: truncated and terminated, with the full size and error 122 when short.
+  UINT Copy(const std::wstring& text, wchar_t* buffer, UINT size) {
+    const bool short_buffer = text.size() >= size;
+    const std::size_t n = short_buffer ? size - 1 : text.size();
+    std::copy_n(text.data(), n, buffer);
+    buffer[n] = 0;
+    if (short_buffer) Fail(platform::kErrorInsufficientBuffer);
+    return short_buffer ? size : static_cast<UINT>(n);
+  }
 
-  mutable std::mutex mutex_;
   std::map<std::wstring, std::map<std::wstring, Value>> keys_;  // folded key -> folded name -> value
-  std::map<platform::HKEY, std::wstring> handles_;
-  platform::HKEY next_key_ = 0x1000;
-  std::vector<Open> opens_;
-  std::vector<std::wstring> unloads_;
-  std::map<std::wstring, bool> enabled_;
-  std::vector<DWORD> token_accesses_;
-  std::set<std::uintptr_t> tokens_;
+  HKEY next_key_ = 0x1000;
   std::uintptr_t next_token_ = 0x7000;
-  std::vector<std::wstring> version_queries_;
   std::uint16_t translation_words_[2] = {};
 };
 

@@ -42,7 +42,7 @@ TEST(VarnelString, CopiesAreIndependentAndSelfAppendWorks) {
   EXPECT_STREQ(moved.c_str(), L"Path\\to\\file.log");
 }
 
-TEST(VarnelString, RfindAndEraseCutPaths) {
+TEST(VarnelString, RfindEraseCompareAndNullInputs) {
   varnel::string s(L"Z:\\usr\\bin\\vmft");
   const auto cut = s.rfind(L'\\');
   ASSERT_EQ(cut, 10u);
@@ -51,46 +51,25 @@ TEST(VarnelString, RfindAndEraseCutPaths) {
   EXPECT_EQ(varnel::string(L"none").rfind(L'\\'), varnel::string::npos);
   s.erase(100);  // past the end: nothing happens
   EXPECT_STREQ(s.c_str(), L"Z:\\usr\\bin");
-}
-
-TEST(VarnelString, NullAndEmptyInputsGiveEmptyStrings) {
+  EXPECT_EQ(varnel::string(L"File Locations").compare_nocase(varnel::string(L"FILE locations")), 0);
+  EXPECT_LT(varnel::string(L"abc").compare_nocase(varnel::string(L"ABD")), 0);
   EXPECT_TRUE(varnel::string(static_cast<const wchar_t*>(nullptr)).empty());
   EXPECT_TRUE(varnel::string(static_cast<const char*>(nullptr)).empty());
   EXPECT_TRUE(varnel::string("").empty());
 }
 
-TEST(VarnelString, CaseInsensitiveCompare) {
-  EXPECT_EQ(varnel::string(L"File Locations").compare_nocase(varnel::string(L"FILE locations")), 0);
-  EXPECT_LT(varnel::string(L"abc").compare_nocase(varnel::string(L"ABD")), 0);
-}
-
-class NarrowConversion : public ::testing::Test {
- protected:
-  void SetUp() override {
+TEST(VarnelString, UnconvertibleTextBecomesQuestionMarks) {
 #if defined(_WIN32)
-    GTEST_SKIP() << "the Windows CRT's \"C\" locale maps every byte to the code point of the same value, "
-                    "so no text is unconvertible there";
+  GTEST_SKIP() << "the Windows CRT's \"C\" locale maps every byte to the code point of the same value, "
+                  "so no text is unconvertible there";
 #endif
-    saved_ = std::setlocale(LC_ALL, nullptr);
-    std::setlocale(LC_ALL, "C");
-  }
-  void TearDown() override {
-    if (!saved_.empty()) std::setlocale(LC_ALL, saved_.c_str());
-  }
-  std::string saved_;
-};
-
-TEST_F(NarrowConversion, UnconvertibleNarrowTextBecomesOneQuestionMarkPerByte) {
-  varnel::string s("\xE4\xF6\xFC");  // not valid in the C locale's ASCII
-  EXPECT_STREQ(s.c_str(), L"???");
-}
-
-TEST_F(NarrowConversion, OneUnconvertibleWideCharacterBecomesOneQuestionMark) {
-  varnel::string s(L"ab\u00E9cd");
-  EXPECT_STREQ(s.narrow(), "ab?cd");
-  varnel::string plain(L"plain text");
-  EXPECT_STREQ(plain.narrow(), "plain text");
+  const std::string saved = std::setlocale(LC_ALL, nullptr);
+  std::setlocale(LC_ALL, "C");
+  EXPECT_STREQ(varnel::string("\xE4\xF6\xFC").c_str(), L"???");  // one per byte
+  EXPECT_STREQ(varnel::string(L"ab\u00E9cd").narrow(), "ab?cd");  // one per character
+  EXPECT_STREQ(varnel::string(L"plain text").narrow(), "plain text");
   EXPECT_STREQ(varnel::string("round trip").c_str(), L"round trip");
+  std::setlocale(LC_ALL, saved.c_str());
 }
 
 TEST(FormatFixed, CutsAtTheBufferAndReportsMinusOne) {

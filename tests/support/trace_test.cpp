@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cstring>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -18,21 +18,18 @@ using koru::test::Call;
 using koru::test::FakeSystemEnv;
 using koru::test::FaultEnv;
 using koru::test::TempDir;
+using platform::SystemTime;
 using varnel::CTrace;
 
 constexpr const char* kLog = "Logfiles/VMFT_trace.log";
-
-platform::SystemTime Time(std::uint16_t year, std::uint16_t month, std::uint16_t dow, std::uint16_t day,
-                          std::uint16_t hour, std::uint16_t minute, std::uint16_t second, std::uint16_t ms) {
-  return platform::SystemTime{year, month, dow, day, hour, minute, second, ms};
-}
+constexpr const char* kPrefix = "[2026-03-01 14:05:09.042]:1a2c:";
 
 // A trace whose program lives in a temporary directory, with a fixed clock and thread.
 class TraceFile : public ::testing::Test {
  protected:
   TraceFile() {
     env_.exe_path = dir_.win("vmft");
-    env_.local_time = Time(2026, 3, 0, 1, 14, 5, 9, 42);
+    env_.local_time = SystemTime{2026, 3, 0, 1, 14, 5, 9, 42};
     env_.thread_id = 0x1a2c;
   }
   CTrace& trace() {
@@ -43,9 +40,13 @@ class TraceFile : public ::testing::Test {
   // The log's text without the fixed prefix of each entry.
   std::string bodies() const {
     std::string text = log();
-    const std::string prefix = "[2026-03-01 14:05:09.042]:1a2c:";
-    for (std::size_t at; (at = text.find(prefix)) != std::string::npos;) text.erase(at, prefix.size());
+    for (std::size_t at; (at = text.find(kPrefix)) != std::string::npos;) text.erase(at, std::strlen(kPrefix));
     return text;
+  }
+  std::wstring LogDir() {
+    varnel::string where;
+    trace().GetLogDir(where);
+    return where.c_str();
   }
 
   TempDir dir_;
@@ -53,100 +54,94 @@ class TraceFile : public ::testing::Test {
   std::unique_ptr<CTrace> trace_;
 };
 
-TEST_F(TraceFile, LinePrefixHasTimeThreadAndMarker) {
+TEST_F(TraceFile, LinePrefixHasTimeThreadAndMarkerAndClearEmptiesTheLog) {
   trace().SetLevel(4);
   trace().Trace(8, L"MFT::SetVolumeHintHandle", L"starting ...");
-  EXPECT_EQ(log(), "[2026-03-01 14:05:09.042]:1a2c:[V]: MFT::SetVolumeHintHandle : starting ...\n");
-  trace().Clear();
+  EXPECT_EQ(log(), std::string(kPrefix) + "[V]: MFT::SetVolumeHintHandle : starting ...\n");
+  EXPECT_TRUE(trace().Clear());
+  EXPECT_EQ(log(), "");
   trace().Trace(1, L"f", L"e");
   trace().Trace(2, L"f", L"w");
   trace().Trace(4, L"f", L"i");
-  EXPECT_EQ(bodies(), "[E]: f : e\n[W]: f : w\n[I]: f : i\n");
+  trace().Trace(3, L"f", L"no single bit: stamp and thread only");
+  trace().Trace(5, L"f", L"name", std::int64_t{7});
+  EXPECT_EQ(bodies(), "[E]: f : e\n[W]: f : w\n[I]: f : i\n[2026-03-01 14:05:09.042]:1a2c\n"
+                      "[2026-03-01 14:05:09.042]:1a2c\n");
 }
 
 TEST_F(TraceFile, ThreadIdIsZeroFilledToFourDigitsOrPrintedInFull) {
   env_.thread_id = 0x1F;
-  env_.local_time = Time(987, 1, 2, 3, 4, 5, 6, 7);
+  env_.local_time = SystemTime{987, 1, 2, 3, 4, 5, 6, 7};
   trace().Trace(1, L"f", L"x");
   env_.thread_id = 0x12345;
   trace().Trace(1, L"f", L"y");
   EXPECT_EQ(log(), "[0987-01-03 04:05:06.007]:001f:[E]: f : x\n[0987-01-03 04:05:06.007]:12345:[E]: f : y\n");
 }
 
-TEST_F(TraceFile, ALevelThatIsNoSingleBitWritesOnlyStampAndThread) {
-  trace().Trace(3, L"f", L"never shown");
-  trace().Trace(5, L"f", L"name", std::int64_t{7});
-  EXPECT_EQ(log(), "[2026-03-01 14:05:09.042]:1a2c\n[2026-03-01 14:05:09.042]:1a2c\n");
-}
-
-TEST_F(TraceFile, LevelNumbersMapToMasks) {
+TEST_F(TraceFile, LevelNumbersMapToMasksAndTheDefaultLeavesOutVerbose) {
   EXPECT_EQ(trace().GetLevel(), 7u);
+  trace().Trace(8, L"f", L"starting ...");
+  trace().Trace(4, L"f", L"value");
+  EXPECT_EQ(bodies(), "[I]: f : value\n");
   const platform::DWORD masks[] = {0, 1, 3, 7, 15};
   for (platform::DWORD level = 0; level <= 4; ++level) {
     trace().SetLevel(level);
     EXPECT_EQ(trace().GetLevel(), masks[level]);
   }
   trace().SetLevel(2);
-  trace().SetLevel(5);
+  trace().SetLevel(5);  // out of range: ignored
   trace().SetLevel(0xFFFFFFFF);
   EXPECT_EQ(trace().GetLevel(), 3u);
-  trace().Trace(1, L"f", L"error");
-  trace().Trace(2, L"f", L"warning");
-  trace().Trace(4, L"f", L"info");
-  trace().Trace(8, L"f", L"verbose");
-  EXPECT_EQ(bodies(), "[E]: f : error\n[W]: f : warning\n");
-}
-
-TEST_F(TraceFile, DefaultMaskLeavesOutVerbose) {
-  trace().Trace(8, L"f", L"starting ...");
-  trace().Trace(4, L"f", L"value");
-  EXPECT_EQ(bodies(), "[I]: f : value\n");
+  trace().Clear();
+  for (platform::DWORD level : {1u, 2u, 4u, 8u}) trace().Trace(level, L"f", L"x");
+  EXPECT_EQ(bodies(), "[E]: f : x\n[W]: f : x\n");
 }
 
 TEST_F(TraceFile, TraceIniLevels) {
-  trace().ReadLevel();  // no trace.ini: the mask stays
-  EXPECT_EQ(trace().GetLevel(), 7u);
-  dir_.Write("trace.ini", "[main]\r\nvmft_tracelevel=4\r\n");
-  trace().ReadLevel();
-  EXPECT_EQ(trace().GetLevel(), 15u);
-  dir_.Write("trace.ini", "[Main]\r\nVMFT_TraceLevel=5\r\n");
-  trace().ReadLevel();
-  EXPECT_EQ(trace().GetLevel(), 15u);
-  dir_.Write("trace.ini", "[Main]\r\nOther=1\r\n");
-  trace().ReadLevel();
-  EXPECT_EQ(trace().GetLevel(), 15u);
-  dir_.Write("trace.ini", "[Main]\r\nVMFT_TraceLevel=0\r\n");
-  trace().ReadLevel();
-  EXPECT_EQ(trace().GetLevel(), 0u);
+  const std::pair<const char*, platform::DWORD> steps[] = {
+      {nullptr, 7},  // no trace.ini: the mask stays
+      {"[main]\r\nvmft_tracelevel=4\r\n", 15},
+      {"[Main]\r\nVMFT_TraceLevel=5\r\n", 15},
+      {"[Main]\r\nOther=1\r\n", 15},
+      {"[Main]\r\nVMFT_TraceLevel=0\r\n", 0},
+  };
+  for (const auto& [ini, mask] : steps) {
+    if (ini) dir_.Write("trace.ini", ini);
+    trace().ReadLevel();
+    EXPECT_EQ(trace().GetLevel(), mask) << (ini ? ini : "none");
+  }
   trace().Trace(1, L"f", L"error");
   trace().Banner(L"not even banners");
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(TraceFile, KorIniChoosesTheLogDirectoryAndItIsCreated) {
+TEST_F(TraceFile, KorIniChoosesTheLogDirectoryOnceAndItIsCreated) {
   std::string custom;
   for (wchar_t c : dir_.win("custom")) custom += static_cast<char>(c);
   dir_.Write("kor.ini", "[File Locations]\r\nLog Files=elsewhere\r\nLogfiles=" + custom + "\r\n");
-  varnel::string where;
-  trace().GetLogDir(where);
-  EXPECT_STREQ(where.c_str(), dir_.win("custom").c_str());
+  EXPECT_EQ(LogDir(), dir_.win("custom"));
   EXPECT_TRUE(std::filesystem::is_directory(dir_ / "custom"));
   trace().Trace(1, L"f", L"here");
   EXPECT_NE(dir_.Read("custom/VMFT_trace.log").find("[E]: f : here"), std::string::npos);
-  // Cached: a changed kor.ini is not read again.
   dir_.Write("kor.ini", "[File Locations]\r\nLogfiles=Z:\\nowhere\r\n");
-  trace().GetLogDir(where);
-  EXPECT_STREQ(where.c_str(), dir_.win("custom").c_str());
+  EXPECT_EQ(LogDir(), dir_.win("custom"));  // cached
 }
 
-TEST_F(TraceFile, DefaultLogDirectoryIsLogfilesBesideTheProgram) {
-  varnel::string where;
-  trace().GetLogDir(where);
-  EXPECT_STREQ(where.c_str(), dir_.win("Logfiles").c_str());
+TEST_F(TraceFile, LogfilesBesideTheProgramUntilSetLogDirMovesItToAnExistingDirectory) {
+  EXPECT_EQ(LogDir(), dir_.win("Logfiles"));
   EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("Logfiles/VMFT_trace.log").c_str());
   varnel::string own;
   trace().GetOwnDir(own);
   EXPECT_STREQ(own.c_str(), dir_.win().c_str());
+
+  std::filesystem::create_directories(dir_ / "moved");
+  EXPECT_FALSE(trace().SetLogDir(dir_.win("missing").c_str()));
+  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("Logfiles/VMFT_trace.log").c_str());
+  EXPECT_TRUE(trace().SetLogDir(dir_.win("moved").c_str()));
+  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("moved/VMFT_trace.log").c_str());
+  EXPECT_EQ(LogDir(), dir_.win("moved"));
+  trace().Trace(1, L"f", L"moved");
+  EXPECT_EQ(dir_.Read("moved/VMFT_trace.log"), std::string(kPrefix) + "[E]: f : moved\n");
 }
 
 TEST_F(TraceFile, APreviousLogIsKeptAsOldAndANewOneStarted) {
@@ -157,36 +152,16 @@ TEST_F(TraceFile, APreviousLogIsKeptAsOldAndANewOneStarted) {
   EXPECT_EQ(dir_.Read("Logfiles/VMFT_trace.old"), "previous run\n");
   trace().Trace(1, L"f", L"new");
   EXPECT_EQ(bodies(), "[E]: f : new\n");
-}
 
-TEST_F(TraceFile, ClearEmptiesTheLog) {
-  trace().Trace(1, L"f", L"x");
-  EXPECT_TRUE(trace().Clear());
-  EXPECT_EQ(log(), "");
-}
-
-TEST_F(TraceFile, SetLogDirOnlyToAnExistingDirectory) {
-  std::filesystem::create_directories(dir_ / "moved");
-  EXPECT_FALSE(trace().SetLogDir(dir_.win("missing").c_str()));
-  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("Logfiles/VMFT_trace.log").c_str());
-  EXPECT_TRUE(trace().SetLogDir(dir_.win("moved").c_str()));
-  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("moved/VMFT_trace.log").c_str());
-  varnel::string where;
-  trace().GetLogDir(where);
-  EXPECT_STREQ(where.c_str(), dir_.win("moved").c_str());
-  trace().Trace(1, L"f", L"moved");
-  EXPECT_EQ(dir_.Read("moved/VMFT_trace.log"), "[2026-03-01 14:05:09.042]:1a2c:[E]: f : moved\n");
-}
-
-TEST_F(TraceFile, RestartMovesTheFileDeletesItAndSetsTheLevel) {
+  // Restart does the same in the given directory and sets the level; an empty one does nothing.
   dir_.Write("again/VMFT_trace.log", "stale\n");
-  trace().Restart(varnel::string(L""), 4);  // empty: nothing at all
+  trace().Restart(varnel::string(L""), 4);
   EXPECT_EQ(trace().GetLevel(), 7u);
   trace().Restart(dir_.win("again").c_str(), 1);
   EXPECT_EQ(trace().GetLevel(), 1u);
   EXPECT_FALSE(dir_.Exists("again/VMFT_trace.log"));
   trace().Trace(1, L"f", L"fresh");
-  EXPECT_EQ(dir_.Read("again/VMFT_trace.log"), "[2026-03-01 14:05:09.042]:1a2c:[E]: f : fresh\n");
+  EXPECT_EQ(dir_.Read("again/VMFT_trace.log"), std::string(kPrefix) + "[E]: f : fresh\n");
 }
 
 TEST_F(TraceFile, CharactersAreNamed) {
@@ -201,11 +176,11 @@ TEST_F(TraceFile, CharactersAreNamed) {
   trace().Trace(4, L"fn", L"c", 'A');
   trace().Trace(4, L"fn", L"c", '\n');
   trace().Trace(4, L"fn", L"c", '\0');
-  expected += "[I]: fn : c = 'A'\n[I]: fn : c = '<LF>'\n[I]: fn : c = '<NULL>'\n";
-  EXPECT_EQ(bodies(), expected);
+  EXPECT_EQ(bodies(), expected + "[I]: fn : c = 'A'\n[I]: fn : c = '<LF>'\n[I]: fn : c = '<NULL>'\n");
 }
 
-TEST_F(TraceFile, TextValuesOfEverySlot) {
+TEST_F(TraceFile, TextAndNumberValuesOfEverySlot) {
+  const std::uint32_t seven = 7, big = 12345;
   trace().Trace(4, L"fn", L"wsz", L"wide");
   trace().Trace(4, L"fn", L"wsz", static_cast<const wchar_t*>(nullptr));
   trace().Trace(4, L"fn", L"sz", "narrow");
@@ -213,18 +188,6 @@ TEST_F(TraceFile, TextValuesOfEverySlot) {
   trace().Trace(4, L"fn", L"ws", std::wstring(L"std wide"));
   trace().Trace(4, L"fn", L"s", std::string("std narrow"));
   trace().Trace(4, L"fn", L"sVolume", varnel::string(L"\\\\?\\Volume{x}\\"));
-  EXPECT_EQ(bodies(),
-            "[I]: fn : wsz = \"wide\"\n"
-            "[I]: fn : wsz = \"<null>\"\n"
-            "[I]: fn : sz = \"narrow\"\n"
-            "[I]: fn : sz = \"<null>\"\n"
-            "[I]: fn : ws = \"std wide\"\n"
-            "[I]: fn : s = \"std narrow\"\n"
-            "[I]: fn : sVolume = \"\\\\?\\Volume{x}\\\"\n");
-}
-
-TEST_F(TraceFile, NumberValuesOfEverySlot) {
-  const std::uint32_t seven = 7, big = 12345;
   trace().Trace(4, L"fn", L"i", std::int64_t{-42});
   trace().Trace(4, L"fn", L"u", std::uint64_t{18446744073709551615u});
   trace().TracePadded(4, L"fn", L"p", &seven);
@@ -238,40 +201,24 @@ TEST_F(TraceFile, NumberValuesOfEverySlot) {
   trace().Trace(4, L"fn", L"d", 3.14159265);
   trace().Trace(4, L"fn", L"d", 2.5);
   EXPECT_EQ(bodies(),
-            "[I]: fn : i = -42\n"
-            "[I]: fn : u = 18446744073709551615\n"
-            "[I]: fn : p = 0007\n"
-            "[I]: fn : p = 12345\n"
-            "[I]: fn : h = 0xabcdef12\n"
-            "[I]: fn : i = 31\n"
-            "[I]: fn : b = true\n"
-            "[I]: fn : b = false\n"
-            "[I]: fn : b = true\n"
-            "[I]: fn : b = false\n"
-            "[I]: fn : d = 3.14159\n"
-            "[I]: fn : d = 2.5\n");
+            "[I]: fn : wsz = \"wide\"\n[I]: fn : wsz = \"<null>\"\n[I]: fn : sz = \"narrow\"\n"
+            "[I]: fn : sz = \"<null>\"\n[I]: fn : ws = \"std wide\"\n[I]: fn : s = \"std narrow\"\n"
+            "[I]: fn : sVolume = \"\\\\?\\Volume{x}\\\"\n"
+            "[I]: fn : i = -42\n[I]: fn : u = 18446744073709551615\n[I]: fn : p = 0007\n[I]: fn : p = 12345\n"
+            "[I]: fn : h = 0xabcdef12\n[I]: fn : i = 31\n[I]: fn : b = true\n[I]: fn : b = false\n"
+            "[I]: fn : b = true\n[I]: fn : b = false\n[I]: fn : d = 3.14159\n[I]: fn : d = 2.5\n");
 }
 
-TEST_F(TraceFile, ByteDumps) {
+TEST_F(TraceFile, ByteDumpsOfZeroThreeThirtyTwoAndThirtyThreeBytes) {
   unsigned char bytes[33];
   for (int i = 0; i < 33; ++i) bytes[i] = static_cast<unsigned char>(i == 1 ? 0xAB : i);
-  trace().TraceBytes(4, L"fn", L"none", bytes, 0);
-  std::string expected = "[I]: fn : none = \n";
-  trace().TraceBytes(4, L"fn", L"three", bytes, 3);
-  expected += "[I]: fn : three = 00 ab 02 \n";
-  std::string row;
-  for (int i = 0; i < 32; ++i) {
-    char hex[4];
-    std::snprintf(hex, sizeof hex, "%02x", bytes[i]);
-    row += hex;
-    row += i == 31 ? "\n" : " ";
-  }
-  trace().TraceBytes(4, L"fn", L"full", bytes, 32);
-  expected += "[I]: fn : full = " + row + "\n";  // followed by an empty line
-  trace().TraceBytes(4, L"fn", L"over", bytes, 33);
-  expected += "[I]: fn : over = \n" + row + "20 \n";
+  const std::string row =
+      "00 ab 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13 14 15 16 17 18 19 1a 1b 1c 1d 1e 1f\n";
+  for (int n : {0, 3, 32, 33}) trace().TraceBytes(4, L"fn", L"b", bytes, n);
   trace().TraceBytes(8, L"fn", L"filtered", bytes, 3);
-  EXPECT_EQ(bodies(), expected);
+  EXPECT_EQ(bodies(), "[I]: fn : b = \n[I]: fn : b = 00 ab 02 \n"
+                      "[I]: fn : b = " + row + "\n"  // 32: on the name's line, then an empty line
+                      "[I]: fn : b = \n" + row + "20 \n");
 }
 
 TEST_F(TraceFile, BannerHasNoPrefixAndIsFramedInStars) {
@@ -284,30 +231,23 @@ TEST_F(TraceFile, AddressesGuidsAndTimes) {
   trace().TraceIPv4(4, L"fn", L"ip", env_.HostToNetworkLong(0x0A000001u), false);
   env_.inet_ntoa_fails = true;
   trace().TraceIPv4(4, L"fn", L"ip", 0x01020304u, true);
-  trace().TraceIPv6(4, L"fn", L"ip6", L"fe80::1");
   trace().TraceIPv6(4, L"fn", L"ip6", "2001:DB8::ff00:42:8329");
-  trace().TraceIPv6(4, L"fn", L"ip6", L"::");
-  trace().TraceIPv6(4, L"fn", L"ip6", L"1:2:3:4:5:6:7:8");
-  trace().TraceIPv6(4, L"fn", L"ip6", L"10.0.0.1");
-  trace().TraceIPv6(4, L"fn", L"ip6", L"1:2:3:4:5:6:7:8:9");
-  trace().TraceIPv6(4, L"fn", L"ip6", static_cast<const wchar_t*>(nullptr));
+  for (const wchar_t* text : {L"fe80::1", L"::", L"1:2:3:4:5:6:7:8", L"10.0.0.1", L"1:2:3:4:5:6:7:8:9",
+                              static_cast<const wchar_t*>(nullptr)})
+    trace().TraceIPv6(4, L"fn", L"ip6", text);
   trace().TraceGuid(4, L"fn", L"g", varnel::Guid{0x12345678, 0x9ABC, 0xdef0, {1, 2, 3, 4, 5, 6, 7, 0xfe}});
-  trace().TraceTime(4, L"fn", L"t", Time(2026, 3, 0, 1, 4, 5, 9, 42));
-  trace().TraceTime(4, L"fn", L"t", Time(999, 12, 6, 31, 23, 59, 58, 0));
+  trace().TraceTime(4, L"fn", L"t", SystemTime{2026, 3, 0, 1, 4, 5, 9, 42});
+  trace().TraceTime(4, L"fn", L"t", SystemTime{999, 12, 6, 31, 23, 59, 58, 0});
   EXPECT_EQ(bodies(),
-            "[I]: fn : ip = 192.168.0.1\n"
-            "[I]: fn : ip = 10.0.0.1\n"
-            "[I]: fn : ip = <invalid>\n"
-            "[I]: fn : ip6 = fe80:0000:0000:0000:0000:0000:0000:0001\n"
+            "[I]: fn : ip = 192.168.0.1\n[I]: fn : ip = 10.0.0.1\n[I]: fn : ip = <invalid>\n"
             "[I]: fn : ip6 = 2001:0db8:0000:0000:0000:ff00:0042:8329\n"
+            "[I]: fn : ip6 = fe80:0000:0000:0000:0000:0000:0000:0001\n"
             "[I]: fn : ip6 = 0000:0000:0000:0000:0000:0000:0000:0000\n"
             "[I]: fn : ip6 = 0001:0002:0003:0004:0005:0006:0007:0008\n"
-            "[I]: fn : ip6 = <Invalid IPv6 address>\n"
-            "[I]: fn : ip6 = <Invalid IPv6 address>\n"
+            "[I]: fn : ip6 = <Invalid IPv6 address>\n[I]: fn : ip6 = <Invalid IPv6 address>\n"
             "[I]: fn : ip6 = <Invalid IPv6 address>\n"
             "[I]: fn : g = { 12345678-9ABC-DEF0-0102-0304050607FE }\n"
-            "[I]: fn : t = Sunday, 01/03/2026 04:05:09\n"
-            "[I]: fn : t = Saturday, 31/12/0999 23:59:58\n");
+            "[I]: fn : t = Sunday, 01/03/2026 04:05:09\n[I]: fn : t = Saturday, 31/12/0999 23:59:58\n");
 }
 
 TEST_F(TraceFile, AnEntryWhoseFileCannotOpenIsSkipped) {
@@ -320,59 +260,42 @@ TEST_F(TraceFile, AnEntryWhoseFileCannotOpenIsSkipped) {
   EXPECT_EQ(bodies(), "[E]: f : kept\n");
 }
 
-// Records which INI files the trace asks; answers as if none existed.
+// Records which INI files the trace asks and the defaults it offers; every answer is empty.
 class IniRecordingEnv : public FakeSystemEnv {
  public:
-  std::vector<std::wstring> files;
-  std::vector<std::wstring> defaults;
-  bool empty_answers = false;
+  std::vector<std::wstring> files, defaults;
   platform::UINT GetPrivateProfileIntW(const wchar_t*, const wchar_t*, int fallback, const wchar_t* file) override {
     files.push_back(file);
     return static_cast<platform::UINT>(fallback);
   }
   platform::DWORD GetPrivateProfileStringW(const wchar_t*, const wchar_t*, const wchar_t* fallback, wchar_t* buffer,
-                                 platform::DWORD size, const wchar_t* file) override {
+                                           platform::DWORD, const wchar_t* file) override {
     files.push_back(file);
     defaults.push_back(fallback ? fallback : L"");
-    const std::wstring text = empty_answers ? L"" : defaults.back();
-    const std::size_t n = std::min<std::size_t>(text.size(), size - 1);
-    std::copy_n(text.data(), n, buffer);
-    buffer[n] = 0;
-    return static_cast<platform::DWORD>(n);
+    buffer[0] = 0;  // "Logfiles=" left empty: nothing is cached
+    return 0;
   }
   bool CreateDirectoryW(const wchar_t*) override { return false; }
 };
 
-TEST(TraceWinPE, KindTwentyReadsItsSettingsUnderZKoru) {
+TEST(TraceWinPE, KindTwentyReadsItsSettingsAndLogsUnderZKoru) {
   TempDir dir;
   IniRecordingEnv env;
   env.exe_path = dir.win("vmft");
   CTrace trace(L"VMFT_trace.log", L"VMFT_TraceLevel", env);
+  EXPECT_EQ(env.defaults.back(), dir.win("Logfiles"));
   trace.ReadLevel();
-  ASSERT_EQ(env.files.size(), 2u);
-  EXPECT_EQ(env.files[0], dir.win("kor.ini"));
-  EXPECT_EQ(env.files[1], dir.win("trace.ini"));
+  EXPECT_EQ(env.files, (std::vector<std::wstring>{dir.win("kor.ini"), dir.win("trace.ini")}));
 
   trace.UseEnvironmentKind(20);
   trace.ReadLevel();
   EXPECT_EQ(env.files.back(), L"Z:\\KORU\\trace.ini");
-}
-
-TEST(TraceWinPE, KindTwentyDefaultsTheLogDirectoryToZKoru) {
-  TempDir dir;
-  IniRecordingEnv env;
-  env.exe_path = dir.win("vmft");
-  env.empty_answers = true;  // "Logfiles=" left empty: nothing is cached
-  CTrace trace(L"VMFT_trace.log", L"VMFT_TraceLevel", env);
-  EXPECT_EQ(env.defaults.back(), dir.win("Logfiles"));
-  trace.UseEnvironmentKind(20);
   varnel::string where;
   trace.GetLogDir(where);
   EXPECT_EQ(env.defaults.back(), L"Z:\\KORU\\Logfiles");
 }
 
 TEST(TraceOwnDir, GrowsTheBufferBy260AndFallsBackWhenTheQueryFails) {
-  TempDir dir;
   FakeSystemEnv fake;
   fake.exe_path = L"Z:\\" + std::wstring(600, L'd') + L"\\vmft";
   FaultEnv env(static_cast<platform::Env&>(fake));
@@ -398,10 +321,8 @@ TEST(TraceThreads, SixteenWritersNeverInterleave) {
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&trace, t] {
       const std::wstring padding(40 + t * 17, static_cast<wchar_t>(L'a' + t));
-      for (int i = 0; i < kEntries; ++i) {
-        const std::wstring text = L"t=" + std::to_wstring(t) + L" i=" + std::to_wstring(i) + L" " + padding;
-        trace.Trace(4, L"Worker::Run", text.c_str());
-      }
+      for (int i = 0; i < kEntries; ++i)
+        trace.Trace(4, L"Worker::Run", (L"t=" + std::to_wstring(t) + L" i=" + std::to_wstring(i) + L" " + padding).c_str());
     });
   }
   for (auto& thread : threads) thread.join();
