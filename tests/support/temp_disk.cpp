@@ -2,14 +2,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <stdexcept>
 
 #include "koru_mft/tool.h"
-#include "platform/env.h"
 #include "support/image_env.h"
 #if !defined(_WIN32)
 #include "platform/posix_env.h"
@@ -37,9 +34,8 @@ std::string UniqueName() {
 TempDisk::TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_size) {
   std::filesystem::create_directories(KORU_TEST_TMP);
   path_ = std::string(KORU_TEST_TMP) + "/" + UniqueName();
-  std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  out.close();
+  std::ofstream(path_, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                               static_cast<std::streamsize>(bytes.size()));
 #if defined(_WIN32)
   served_ = std::make_unique<Served>(bytes, sector_size);
 #else
@@ -51,34 +47,25 @@ TempDisk::TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_siz
 }
 
 TempDisk::~TempDisk() {
-#if defined(_WIN32)
-  served_.reset();
-#else
+#if !defined(_WIN32)
   platform::posix::ResetDisks();
 #endif
   std::error_code ec;
   std::filesystem::remove(path_, ec);
 }
 
-void Put16(std::vector<std::byte>& b, std::size_t at, std::uint16_t v) {
-  for (int i = 0; i < 2; ++i) b.at(at + i) = static_cast<std::byte>(v >> (8 * i));
-}
-void Put32(std::vector<std::byte>& b, std::size_t at, std::uint32_t v) {
-  for (int i = 0; i < 4; ++i) b.at(at + i) = static_cast<std::byte>(v >> (8 * i));
-}
-void Put64(std::vector<std::byte>& b, std::size_t at, std::uint64_t v) {
-  for (int i = 0; i < 8; ++i) b.at(at + i) = static_cast<std::byte>(v >> (8 * i));
+void PutLe(std::vector<std::byte>& b, std::size_t at, std::uint64_t v, int bytes) {
+  for (int i = 0; i < bytes; ++i) b.at(at + static_cast<std::size_t>(i)) = static_cast<std::byte>(v >> (8 * i));
 }
 void PutText(std::vector<std::byte>& b, std::size_t at, const char* text) {
   for (std::size_t i = 0; text[i]; ++i) b.at(at + i) = static_cast<std::byte>(text[i]);
 }
 
 std::vector<std::byte> ReadFileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
   if (!in) throw std::runtime_error("cannot read " + path);
-  std::vector<char> chars((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::vector<std::byte> bytes(chars.size());
-  std::memcpy(bytes.data(), chars.data(), chars.size());
+  std::vector<std::byte> bytes(static_cast<std::size_t>(in.tellg()));
+  in.seekg(0).read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   return bytes;
 }
 

@@ -29,9 +29,10 @@ class TempDisk {
 };
 
 // Little helpers to build on-disk structures byte by byte.
-void Put16(std::vector<std::byte>& b, std::size_t at, std::uint16_t v);
-void Put32(std::vector<std::byte>& b, std::size_t at, std::uint32_t v);
-void Put64(std::vector<std::byte>& b, std::size_t at, std::uint64_t v);
+void PutLe(std::vector<std::byte>& b, std::size_t at, std::uint64_t v, int bytes);
+inline void Put16(std::vector<std::byte>& b, std::size_t at, std::uint16_t v) { PutLe(b, at, v, 2); }
+inline void Put32(std::vector<std::byte>& b, std::size_t at, std::uint32_t v) { PutLe(b, at, v, 4); }
+inline void Put64(std::vector<std::byte>& b, std::size_t at, std::uint64_t v) { PutLe(b, at, v, 8); }
 void PutText(std::vector<std::byte>& b, std::size_t at, const char* text);
 std::vector<std::byte> ReadFileBytes(const std::string& path);
 std::string SharedImage(const std::string& relative);  // path under ../shared/images

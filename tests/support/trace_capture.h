@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -12,18 +13,16 @@ namespace koru::test {
 
 class TraceCapture {
  public:
-  explicit TraceCapture(varnel::CTrace& trace = varnel::Trace()) : trace_(trace), saved_(trace.GetLevel()) {
-    trace_.SetLevel(4);
-    trace_.SetObserver([this](const std::wstring& line) {
+  TraceCapture() : saved_mask_(varnel::Trace().GetLevel()) {
+    varnel::Trace().SetLevel(4);
+    varnel::Trace().SetObserver([this](const std::wstring& line) {
       std::lock_guard<std::mutex> lock(mutex_);
       lines_.push_back(line);
     });
   }
   ~TraceCapture() {
-    trace_.SetObserver(nullptr);
-    // Back to the mask that was set before (level numbers map 0..4 to masks).
-    const unsigned level = saved_ == 0 ? 0 : saved_ == 1 ? 1 : saved_ == 3 ? 2 : saved_ == 7 ? 3 : 4;
-    trace_.SetLevel(level);
+    varnel::Trace().SetObserver(nullptr);
+    varnel::Trace().SetLevel(static_cast<unsigned>(std::popcount(saved_mask_)));  // masks 0,1,3,7,15 are levels 0..4
   }
   // Lines as "[V]: function : text".
   std::vector<std::wstring> lines() const {
@@ -35,9 +34,8 @@ class TraceCapture {
     return std::find(all.begin(), all.end(), line) != all.end();
   }
   bool Contains(const std::wstring& fragment) const {
-    for (const auto& line : lines())
-      if (line.find(fragment) != std::wstring::npos) return true;
-    return false;
+    const auto all = lines();
+    return std::any_of(all.begin(), all.end(), [&](const auto& l) { return l.find(fragment) != std::wstring::npos; });
   }
   void Reset() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -45,8 +43,7 @@ class TraceCapture {
   }
 
  private:
-  varnel::CTrace& trace_;
-  unsigned saved_;
+  unsigned saved_mask_;
   mutable std::mutex mutex_;
   std::vector<std::wstring> lines_;
 };
