@@ -2,31 +2,19 @@
 
 #include <vector>
 
-#include "platform/env.h"
+#include "platform/device_io.h"
 #include "support/fn_trace.h"
-#include "support/format.h"
+#include "base/format.h"
 #include "support/trace.h"
 
 using platform::DWORD;
 using varnel::FnTrace;
 
 namespace {
-constexpr DWORD kPathChars = 260;
-constexpr DWORD kMaxPathChars = 32768;  // no real module path is longer
-
-// GetModuleFileNameW into a buffer grown by 260 characters while it is too small.
-// Empty on failure.
-varnel::string ModuleFileName(platform::Env& env, platform::HMODULE module) {
-  std::vector<wchar_t> buffer(kPathChars, L'\0');
-  for (;;) {
-    env.SetLastError(platform::kErrorSuccess);
-    const DWORD n = env.GetModuleFileNameW(module, buffer.data(), static_cast<DWORD>(buffer.size()));
-    if (n == 0) return {};
-    if (env.GetLastError() != platform::kErrorInsufficientBuffer) break;
-    if (buffer.size() >= kMaxPathChars) return {};
-    buffer.assign(buffer.size() + kPathChars, L'\0');
-  }
-  return varnel::string(buffer.data());
+// A module's file name, empty when the system will not say.
+varnel::string ModuleFile(platform::Env& env, platform::HMODULE module) {
+  const auto name = platform::ModuleFileName(env, module);
+  return name ? varnel::string(name->c_str(), name->size()) : varnel::string();
 }
 }  // namespace
 
@@ -75,7 +63,7 @@ void VMFT::GetResourceVersionStr(const varnel::string& sDllName, varnel::string&
     if (module == nullptr) return fn.EndText(L"... ending( null module )");
   }
 
-  const varnel::string file = ModuleFileName(env, module);
+  const varnel::string file = ModuleFile(env, module);
   if (file.empty()) {
     return fn.FailedAs(L"VMFT::GetResourceVersionStr : ... ending( GetModuleFileNameW failed )", env.GetLastError());
   }
@@ -124,7 +112,7 @@ void VMFT::GetResourceVersionStr(const varnel::string& sDllName, varnel::string&
 }
 
 bool VMFT::GetOwnDir(varnel::string& sDir) {
-  varnel::string file = ModuleFileName(platform::Env::Default(), nullptr);
+  varnel::string file = ModuleFile(platform::Env::Default(), nullptr);
   if (file.empty()) return false;
   const std::size_t cut = file.rfind(L'\\');
   if (cut != varnel::string::npos) file.erase(cut);
@@ -137,9 +125,9 @@ bool VMFT::GetLogDir(varnel::string& sDir) {
   if (!GetOwnDir(own)) return false;
   varnel::string ini = own;
   ini += L"\\kor.ini";
-  wchar_t buffer[kPathChars] = {};
+  wchar_t buffer[platform::kPathChars] = {};
   platform::Env::Default().GetPrivateProfileStringW(L"File Locations", L"Log Files", L".\\Logfiles", buffer,
-                                                    kPathChars, ini.c_str());
+                                                    platform::kPathChars, ini.c_str());
   sDir = buffer;
   return true;
 }

@@ -2,10 +2,9 @@
 
 #include <array>
 
-#include "disk/boot_sector_layout.h"
-#include "support/bytes.h"
+#include "base/ntfs_layout.h"
+#include "platform/device_io.h"
 #include "support/fn_trace.h"
-#include "support/format.h"
 
 namespace koru {
 
@@ -16,43 +15,32 @@ bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSec
   FnTrace fn(L"BootSector::GetMftSector");
   platform::Env& env = platform::Env::Default();
 
-  wchar_t wszDriveName[260];
-  varnel::FormatFixed(wszDriveName, 260, L"\\\\.\\PhysicalDrive%u", unsigned{volume.uiDiskNumber});
-  fn.Value(L"wszDriveName", wszDriveName);
+  const platform::DrivePath wszDriveName = platform::PhysicalDrivePath(volume.uiDiskNumber);
+  fn.Value(L"wszDriveName", wszDriveName.text);
 
-  platform::HANDLE disk = env.CreateFileW(wszDriveName, platform::kGenericRead,
-                                          platform::kFileShareRead | platform::kFileShareWrite,
-                                          platform::kOpenExisting, 0);
-  if (!platform::IsValid(disk)) {
+  platform::ScopedHandle disk(env, platform::OpenForRead(env, wszDriveName.text));
+  if (!disk.valid()) {
     fn.Failed(L"... ending(CreateFile() failed)", env.GetLastError());
-    return false;
-  }
-  struct Closer {
-    platform::Env& env;
-    platform::HANDLE h;
-    ~Closer() { env.CloseHandle(h); }
-  } closer{env, disk};
-
-  const std::uint64_t offset = std::uint64_t{m_dwBytesPerSector} * volume.uiStartSector;
-  std::int64_t position = 0;
-  if (!env.SetFilePointerEx(disk, static_cast<std::int64_t>(offset), &position, platform::kFileBegin)) {
-    fn.Failed(L"... ending(SetFilePointerEx() failed)", env.GetLastError());
-    return false;
-  }
-  if (static_cast<std::uint64_t>(position) != offset) {
-    fn.End(L"actual seek offset not equal to requested seek offset");
     return false;
   }
 
   std::array<std::byte, boot::kSize> sector{};
-  DWORD read = 0;
-  if (!env.ReadFile(disk, sector.data(), static_cast<DWORD>(sector.size()), &read)) {
-    fn.Failed(L"... ending(ReadFile() failed)", env.GetLastError());
-    return false;
-  }
-  if (read != sector.size()) {
-    fn.End(L"bytes read not equal to bytes requested");
-    return false;
+  const auto read = platform::ReadAt(env, disk.get(), std::uint64_t{m_dwBytesPerSector} * volume.uiStartSector,
+                                     sector.data(), static_cast<DWORD>(sector.size()));
+  switch (read.step) {
+    case platform::ReadResult::kOk: break;
+    case platform::ReadResult::kSeekFailed:
+      fn.Failed(L"... ending(SetFilePointerEx() failed)", read.error);
+      return false;
+    case platform::ReadResult::kSeekElsewhere:
+      fn.End(L"actual seek offset not equal to requested seek offset");
+      return false;
+    case platform::ReadResult::kReadFailed:
+      fn.Failed(L"... ending(ReadFile() failed)", read.error);
+      return false;
+    case platform::ReadResult::kShortRead:
+      fn.End(L"bytes read not equal to bytes requested");
+      return false;
   }
   const Bytes view(sector);
 

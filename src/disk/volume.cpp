@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "support/bytes.h"
+#include "base/bytes.h"
+#include "platform/device_io.h"
 #include "support/fn_trace.h"
-#include "support/format.h"
 
 namespace koru {
 
@@ -13,25 +13,12 @@ using varnel::FnTrace;
 
 namespace {
 
-constexpr DWORD kPathChars = 260;
+using platform::kPathChars;
 constexpr std::size_t kExtentSize = sizeof(DISK_EXTENT);
 // Header plus two extents: the first call's buffer.
 constexpr std::size_t kFirstExtentBuffer = platform::kVolumeDiskExtentsHeader + 2 * kExtentSize;
 // No volume spans this many disks; a platform that keeps asking for more is broken.
 constexpr std::size_t kMaxExtentBuffer = platform::kVolumeDiskExtentsHeader + 65536 * kExtentSize;
-
-struct Handle {
-  platform::Env& env;
-  platform::HANDLE h;
-  ~Handle() {
-    if (platform::IsValid(h)) env.CloseHandle(h);
-  }
-};
-
-platform::HANDLE OpenDevice(platform::Env& env, const wchar_t* path) {
-  return env.CreateFileW(path, platform::kGenericRead, platform::kFileShareRead | platform::kFileShareWrite,
-                         platform::kOpenExisting, 0);
-}
 
 }  // namespace
 
@@ -77,8 +64,8 @@ bool GetVolumeDiskExtentList(const varnel::string& sVolumeName, std::vector<DISK
   fn.Value(L"sVolumeName", sVolumeName);
   extents.clear();
   platform::Env& env = platform::Env::Default();
-  Handle volume{env, OpenDevice(env, sVolumeName.c_str())};
-  if (!platform::IsValid(volume.h)) {
+  platform::ScopedHandle volume(env, platform::OpenForRead(env, sVolumeName.c_str()));
+  if (!volume.valid()) {
     const DWORD error = env.GetLastError();
     fn.Value(L"sVolumeName", sVolumeName);
     fn.Failed(L"... ending(CreateFile() failed)", error);
@@ -88,7 +75,7 @@ bool GetVolumeDiskExtentList(const varnel::string& sVolumeName, std::vector<DISK
   std::vector<std::byte> buffer(kFirstExtentBuffer, std::byte{0});
   for (;;) {
     DWORD returned = 0;
-    if (env.DeviceIoControl(volume.h, platform::kIoctlVolumeGetVolumeDiskExtents, nullptr, 0, buffer.data(),
+    if (env.DeviceIoControl(volume.get(), platform::kIoctlVolumeGetVolumeDiskExtents, nullptr, 0, buffer.data(),
                             static_cast<DWORD>(buffer.size()), &returned))
       break;
     const DWORD error = env.GetLastError();
@@ -119,16 +106,15 @@ bool GetVolumeDiskExtentList(const varnel::string& sVolumeName, std::vector<DISK
 bool GetDiskGeometryEx(DWORD uiPhysicalDriveNum, DISK_GEOMETRY_EX& geometry) {
   FnTrace fn(L"GetDiskGeometryEx");
   platform::Env& env = platform::Env::Default();
-  wchar_t wszDriveName[kPathChars];
-  varnel::FormatFixed(wszDriveName, kPathChars, L"\\\\.\\PhysicalDrive%u", unsigned{uiPhysicalDriveNum});
-  fn.Value(L"wszDriveName", wszDriveName);
-  Handle disk{env, OpenDevice(env, wszDriveName)};
-  if (!platform::IsValid(disk.h)) {
+  const platform::DrivePath wszDriveName = platform::PhysicalDrivePath(uiPhysicalDriveNum);
+  fn.Value(L"wszDriveName", wszDriveName.text);
+  platform::ScopedHandle disk(env, platform::OpenForRead(env, wszDriveName.text));
+  if (!disk.valid()) {
     fn.Failed(L"... ending(CreateFile() failed)", env.GetLastError());
     return false;
   }
   DWORD returned = 0;
-  if (!env.DeviceIoControl(disk.h, platform::kIoctlDiskGetDriveGeometryEx, nullptr, 0, &geometry, sizeof geometry,
+  if (!env.DeviceIoControl(disk.get(), platform::kIoctlDiskGetDriveGeometryEx, nullptr, 0, &geometry, sizeof geometry,
                            &returned)) {
     fn.Failed(L"... ending(DeviceIoControl(IOCTL_DISK_GET_DRIVE_GEOMETRY_EX) failed)", env.GetLastError());
     return false;

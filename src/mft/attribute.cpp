@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "mft/layout.h"
+#include "base/ntfs_layout.h"
 #include "support/fn_trace.h"
 
 namespace koru {

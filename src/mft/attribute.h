@@ -11,7 +11,7 @@
 
 #include "koru_mft/varnel_string.h"
 #include "platform/env.h"
-#include "support/bytes.h"
+#include "base/bytes.h"
 
 namespace koru {
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "mft/layout.h"
+#include "base/ntfs_layout.h"
 #include "support/trace.h"
 
 namespace koru {

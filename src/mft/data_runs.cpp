@@ -2,7 +2,7 @@
 #include <string>
 
 #include "mft/attribute.h"
-#include "mft/layout.h"
+#include "base/ntfs_layout.h"
 #include "support/fn_trace.h"
 
 namespace koru {

@@ -1,8 +1,11 @@
 #include "mft/mft.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 
 #include "mft/attribute_walk.h"
+#include "platform/device_io.h"
 #include "support/fn_trace.h"
 
 namespace koru {
@@ -10,12 +13,21 @@ namespace koru {
 using platform::DWORD;
 using varnel::FnTrace;
 
-namespace {
-platform::HANDLE OpenForRead(platform::Env& env, const wchar_t* path) {
-  return env.CreateFileW(path, platform::kGenericRead, platform::kFileShareRead | platform::kFileShareWrite,
-                         platform::kOpenExisting, 0);
+void MFT::SetPhysicalDrive(DWORD disk) {
+  const platform::DrivePath path = platform::PhysicalDrivePath(disk);
+  std::copy(std::begin(path.text), std::end(path.text), m_wszPhysicalDrive);
 }
-}  // namespace
+
+bool MFT::OpenDisk(DWORD* error) {
+  if (platform::IsValid(m_hDisk)) return true;
+  platform::Env& env = platform::Env::Default();
+  platform::HANDLE h = platform::OpenForRead(env, m_wszPhysicalDrive);
+  if (h != m_hDisk && platform::IsValid(m_hDisk)) env.CloseHandle(m_hDisk);
+  m_hDisk = h;
+  if (platform::IsValid(m_hDisk)) return true;
+  *error = env.GetLastError();
+  return false;
+}
 
 bool MFT::SetVolumeHintHandle() {
   FnTrace fn(L"MFT::SetVolumeHintHandle");
@@ -26,7 +38,7 @@ bool MFT::SetVolumeHintHandle() {
   platform::Env& env = platform::Env::Default();
   const wchar_t sVolume[] = {L'\\', L'\\', L'.', L'\\', m_wcDriveLetter, L':', 0};
   fn.Value(L"sVolume", sVolume);
-  platform::HANDLE h = OpenForRead(env, sVolume);
+  platform::HANDLE h = platform::OpenForRead(env, sVolume);
   if (h != m_hVolumeHint && platform::IsValid(m_hVolumeHint)) env.CloseHandle(m_hVolumeHint);
   m_hVolumeHint = h;
   if (platform::IsValid(m_hVolumeHint)) return true;
@@ -47,40 +59,32 @@ bool MFT::ReadMftRecord(std::uint64_t uiSectorNo, RecordBuffer& record) {
     fn.End(L"SetVolumeHintHandle() failed", varnel::kTraceError);
     return false;
   }
-  if (!platform::IsValid(m_hDisk)) {
-    platform::HANDLE h = OpenForRead(env, m_wszPhysicalDrive);
-    if (h != m_hDisk && platform::IsValid(m_hDisk)) env.CloseHandle(m_hDisk);
-    m_hDisk = h;
-    if (!platform::IsValid(m_hDisk)) {
-      const DWORD dwLastError = env.GetLastError();
-      fn.Value(L"m_wszPhysicalDrive", m_wszPhysicalDrive, varnel::kTraceError);
-      // kept as written ("CreateFie"): the recovery tools match on it
-      fn.Failed(L"... ending(CreateFie() failed)", dwLastError);
-      return false;
-    }
+  DWORD dwLastError = 0;
+  if (!OpenDisk(&dwLastError)) {
+    fn.Value(L"m_wszPhysicalDrive", m_wszPhysicalDrive, varnel::kTraceError);
+    // kept as written ("CreateFie"): the recovery tools match on it
+    fn.Failed(L"... ending(CreateFie() failed)", dwLastError);
+    return false;
   }
 
-  const std::uint64_t offset = std::uint64_t{m_dwBytesPerSector} * uiSectorNo;
-  std::int64_t position = 0;
-  if (!env.SetFilePointerEx(m_hDisk, static_cast<std::int64_t>(offset), &position, platform::kFileBegin)) {
-    fn.Failed(L"... ending(SetFilePointerEx() failed)", env.GetLastError());
-    return false;
-  }
-  if (static_cast<std::uint64_t>(position) != offset) {
-    fn.End(L"SetFilePointerEx() failed to seek to requested offset", varnel::kTraceError);
-    return false;
-  }
-  DWORD read = 0;
-  if (!env.ReadFile(m_hDisk, record.data(), static_cast<DWORD>(record.size()), &read)) {
-    const DWORD dwLastError = env.GetLastError();
-    fn.Value(L"dwLastError", static_cast<std::int64_t>(dwLastError), varnel::kTraceError);
-    fn.Value(L"uiSectorNo", uiSectorNo, varnel::kTraceError);
-    fn.End(L"ReadFile() failed", varnel::kTraceError);
-    return false;
-  }
-  if (read != record.size()) {
-    fn.End(L"Didn't read the whole MFT record", varnel::kTraceError);
-    return false;
+  const auto read = platform::ReadAt(env, m_hDisk, std::uint64_t{m_dwBytesPerSector} * uiSectorNo, record.data(),
+                                     static_cast<DWORD>(record.size()));
+  switch (read.step) {
+    case platform::ReadResult::kOk: break;
+    case platform::ReadResult::kSeekFailed:
+      fn.Failed(L"... ending(SetFilePointerEx() failed)", read.error);
+      return false;
+    case platform::ReadResult::kSeekElsewhere:
+      fn.End(L"SetFilePointerEx() failed to seek to requested offset", varnel::kTraceError);
+      return false;
+    case platform::ReadResult::kReadFailed:
+      fn.Value(L"dwLastError", static_cast<std::int64_t>(read.error), varnel::kTraceError);
+      fn.Value(L"uiSectorNo", uiSectorNo, varnel::kTraceError);
+      fn.End(L"ReadFile() failed", varnel::kTraceError);
+      return false;
+    case platform::ReadResult::kShortRead:
+      fn.End(L"Didn't read the whole MFT record", varnel::kTraceError);
+      return false;
   }
 
   const MutableBytes bytes(record);

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "mft/attribute.h"
-#include "mft/layout.h"
+#include "base/ntfs_layout.h"
 #include "platform/env.h"
 
 namespace koru {
@@ -29,6 +29,11 @@ class MFT {
   bool GetMftRanges(SectorRanges& ranges);
   // Closes whichever handle is open (the owner's duty once a call is done).
   void CloseHandles();
+
+  // m_wszPhysicalDrive := "\\.\PhysicalDrive<disk>".
+  void SetPhysicalDrive(platform::DWORD disk);
+  // Opens the disk handle unless it is open; false with the last error when it stays invalid.
+  bool OpenDisk(platform::DWORD* error);
 };
 
 }  // namespace koru

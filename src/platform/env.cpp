@@ -34,6 +34,33 @@ bool Env::InetNtoa(DWORD network_order, char* buffer, std::size_t size) {
   return n > 0 && static_cast<std::size_t>(n) < size;
 }
 
+bool Env::FileTimeToSystemTime(std::uint64_t file_time, SystemTime* time) {
+  if (time == nullptr || file_time > 0x7FFFFFFFFFFFFFFFull) return false;
+  const std::uint64_t ticks_per_second = 10000000;
+  const std::uint64_t seconds = file_time / ticks_per_second;
+  const std::int64_t days = static_cast<std::int64_t>(seconds / 86400);
+  const std::uint64_t in_day = seconds % 86400;
+  // Civil date from a day count (days since 0000-03-01 proleptic Gregorian).
+  const std::int64_t z = days - 134774 + 719468;  // 1601-01-01 is 134774 days before 1970-01-01
+  const std::int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  const std::int64_t doe = z - era * 146097;
+  const std::int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const std::int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const std::int64_t mp = (5 * doy + 2) / 153;
+  const std::int64_t day = doy - (153 * mp + 2) / 5 + 1;
+  const std::int64_t month = mp < 10 ? mp + 3 : mp - 9;
+  const std::int64_t year = yoe + era * 400 + (month <= 2 ? 1 : 0);
+  time->wYear = static_cast<std::uint16_t>(year);
+  time->wMonth = static_cast<std::uint16_t>(month);
+  time->wDay = static_cast<std::uint16_t>(day);
+  time->wDayOfWeek = static_cast<std::uint16_t>((days + 1) % 7);  // 1601-01-01 was a Monday
+  time->wHour = static_cast<std::uint16_t>(in_day / 3600);
+  time->wMinute = static_cast<std::uint16_t>(in_day / 60 % 60);
+  time->wSecond = static_cast<std::uint16_t>(in_day % 60);
+  time->wMilliseconds = static_cast<std::uint16_t>(file_time % ticks_per_second / 10000);
+  return true;
+}
+
 ScopedEnv::ScopedEnv(Env& env) : previous_(g_override.exchange(&env, std::memory_order_acq_rel)) {}
 
 ScopedEnv::~ScopedEnv() { g_override.store(previous_, std::memory_order_release); }

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <ostream>
 #include <string>
 
@@ -35,20 +36,24 @@ inline constexpr DWORD kErrorNoMoreFiles = 18;
 inline constexpr DWORD kErrorNotReady = 21;
 inline constexpr DWORD kErrorSeek = 25;
 inline constexpr DWORD kErrorReadFault = 30;
+inline constexpr DWORD kErrorSharingViolation = 32;
 inline constexpr DWORD kErrorHandleEof = 38;
 inline constexpr DWORD kErrorNotSupported = 50;
 inline constexpr DWORD kErrorFileExists = 80;
 inline constexpr DWORD kErrorFilenameExcedRange = 206;
 inline constexpr DWORD kErrorInvalidParameter = 87;
+inline constexpr DWORD kErrorBufferOverflow = 111;
 inline constexpr DWORD kErrorCallNotImplemented = 120;
 inline constexpr DWORD kErrorInsufficientBuffer = 122;
 inline constexpr DWORD kErrorInvalidName = 123;
 inline constexpr DWORD kErrorProcNotFound = 127;
 inline constexpr DWORD kErrorNegativeSeek = 131;
 inline constexpr DWORD kErrorAlreadyExists = 183;
+inline constexpr DWORD kErrorEnvVarNotFound = 203;
 inline constexpr DWORD kErrorMoreData = 234;
 inline constexpr DWORD kErrorNoSuchPrivilege = 1313;
 inline constexpr DWORD kErrorFileCorrupt = 1392;
+inline constexpr DWORD kErrorCantAccessFile = 1920;
 inline constexpr DWORD kErrorResourceTypeNotFound = 1813;
 
 // Access, share, disposition, seek and registry constants with their Win32 values.
@@ -60,6 +65,15 @@ inline constexpr DWORD kFileShareWrite = 0x2u;
 inline constexpr DWORD kCreateAlways = 2;
 inline constexpr DWORD kOpenExisting = 3;
 inline constexpr DWORD kOpenAlways = 4;
+inline constexpr DWORD kSynchronize = 0x00100000u;
+inline constexpr DWORD kFileReadAttributes = 0x0080u;
+inline constexpr DWORD kFileFlagBackupSemantics = 0x02000000u;
+inline constexpr DWORD kFileFlagOpenReparsePoint = 0x00200000u;
+inline constexpr DWORD kFileAttributeDirectory = 0x0010u;
+inline constexpr DWORD kFileAttributeNormal = 0x0080u;
+inline constexpr DWORD kFileAttributeReparsePoint = 0x0400u;
+inline constexpr DWORD kFileAttributeEncrypted = 0x4000u;
+inline constexpr DWORD kInvalidFileAttributes = 0xFFFFFFFFu;
 inline constexpr DWORD kFileBegin = 0;
 inline constexpr DWORD kFileCurrent = 1;
 inline constexpr DWORD kFileEnd = 2;
@@ -72,6 +86,13 @@ inline constexpr DWORD kRegSz = 1;
 inline constexpr DWORD kTokenAdjustPrivileges = 0x20u;
 inline constexpr DWORD kTokenQuery = 0x08u;
 inline constexpr DWORD kSePrivilegeEnabled = 0x2u;
+
+// GetFileInformationByHandleEx class FileNameInfo; SHGetFolderPathW's common documents.
+inline constexpr DWORD kFileNameInfo = 2;
+inline constexpr int kCsidlCommonDocuments = 46;
+inline constexpr DWORD kShgfpTypeDefault = 1;
+inline constexpr LONG kSOk = 0;
+inline constexpr LONG kEFail = static_cast<LONG>(0x80004005u);
 
 inline constexpr DWORD kIoctlVolumeGetVolumeDiskExtents = 0x00560000u;
 inline constexpr DWORD kIoctlDiskGetDriveGeometryEx = 0x000700A0u;
@@ -135,6 +156,43 @@ static_assert(sizeof(DISK_GEOMETRY_EX) == 40);
 static_assert(offsetof(DISK_GEOMETRY_EX, DiskSize) == 24);
 static_assert(offsetof(DISK_GEOMETRY_EX, Geometry) + offsetof(DISK_GEOMETRY, BytesPerSector) == 20);
 
+// FILE_ID_DESCRIPTOR with a 64-bit file id (type 0): 24 bytes, as OpenFileById takes it.
+struct FileIdDescriptor {
+  DWORD dwSize = 24;
+  DWORD Type = 0;
+  std::int64_t FileId = 0;
+  std::uint8_t Reserved[8] = {};  // the rest of the union (object id, 128-bit id)
+};
+static_assert(sizeof(FileIdDescriptor) == 24);
+
+// FILE_NAME_INFO as GetFileInformationByHandleEx(FileNameInfo) fills a byte buffer:
+// a 32-bit length in bytes, then that many bytes of UTF-16 (no terminator), on
+// every platform.
+inline constexpr std::size_t kFileNameInfoHeader = 4;
+
+// The fields of BY_HANDLE_FILE_INFORMATION that the core reads.
+struct ByHandleFileInformation {
+  DWORD dwFileAttributes = 0;
+  DWORD dwVolumeSerialNumber = 0;
+  DWORD nFileSizeHigh = 0;
+  DWORD nFileSizeLow = 0;
+  DWORD nNumberOfLinks = 0;
+  DWORD nFileIndexHigh = 0;
+  DWORD nFileIndexLow = 0;
+};
+
+// The fields of WIN32_FIND_DATAW that the core reads.
+struct FindData {
+  DWORD dwFileAttributes = 0;
+  DWORD nFileSizeHigh = 0;
+  DWORD nFileSizeLow = 0;
+  wchar_t cFileName[260] = {};
+};
+
+// The first field of FIXED_INFO, which is all the core reads of GetNetworkParams:
+// the host name, narrow, in MAX_HOSTNAME_LEN + 4 bytes.
+inline constexpr std::size_t kFixedInfoHostNameSize = 132;
+
 class Env {
  public:
   virtual ~Env() = default;
@@ -184,8 +242,42 @@ class Env {
   virtual bool GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wchar_t* buffer,
                                                  DWORD size) = 0;
 
+  // File identity and links. On Linux these are answered read-only from a lettered
+  // volume (The Sleuth Kit); handles are closed with CloseHandle, finds with FindClose.
+  virtual HANDLE OpenFileById(HANDLE volume_hint, const FileIdDescriptor* id, DWORD access, DWORD share,
+                              DWORD flags) = 0;
+  virtual bool GetFileInformationByHandleEx(HANDLE file, DWORD info_class, void* buffer, DWORD size) = 0;
+  virtual bool GetFileInformationByHandle(HANDLE file, ByHandleFileInformation* info) = 0;
+  virtual bool GetFileSizeEx(HANDLE file, std::int64_t* size) = 0;
+  // `length` is in characters, terminator included, both ways (ERROR_MORE_DATA when short).
+  virtual HANDLE FindFirstFileNameW(const wchar_t* path, DWORD flags, DWORD* length, wchar_t* buffer) = 0;
+  virtual bool FindNextFileNameW(HANDLE find, DWORD* length, wchar_t* buffer) = 0;
+  virtual HANDLE FindFirstFileW(const wchar_t* pattern, FindData* data) = 0;
+  virtual bool FindNextFileW(HANDLE find, FindData* data) = 0;
+  virtual bool FindClose(HANDLE find) = 0;
+  // kInvalidFileAttributes on failure.
+  virtual DWORD GetFileAttributesW(const wchar_t* path) = 0;
+
+  // Folders of the Windows installation. Win32 results: characters copied (or needed,
+  // when the buffer is short), 0 on failure; SHGetFolderPathW gives an HRESULT and
+  // fills 260 characters.
+  virtual DWORD GetEnvironmentVariableW(const wchar_t* name, wchar_t* buffer, DWORD size) = 0;
+  virtual UINT GetWindowsDirectoryW(wchar_t* buffer, UINT size) = 0;
+  virtual LONG SHGetFolderPathW(int csidl, DWORD flags, wchar_t* path) = 0;
+
+  // GetNetworkParams: ERROR_BUFFER_OVERFLOW (111) with the size needed when the buffer
+  // is missing or short; 0 when it was filled (host name first).
+  virtual DWORD GetNetworkParams(void* fixed_info, DWORD* size) = 0;
+
   // Time, threads, console.
   virtual void GetLocalTime(SystemTime* time) = 0;
+  // FILETIME (100 ns since 1601, UTC) to SYSTEMTIME; false for values Windows refuses
+  // (the top bit set). The default computes it; WindowsEnv asks the system.
+  virtual bool FileTimeToSystemTime(std::uint64_t file_time, SystemTime* time);
+  // _time64 and _localtime64_s: seconds since 1970, and their local calendar time
+  // (0, or the C library's error number).
+  virtual std::int64_t Time64() = 0;
+  virtual int LocalTime64(std::int64_t time, std::tm* out) = 0;
   virtual DWORD GetCurrentThreadId() = 0;
   // The process's standard wide output (tests capture it).
   virtual std::wostream& StdOut() = 0;

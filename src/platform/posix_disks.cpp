@@ -22,10 +22,10 @@
 #include <sstream>
 #include <vector>
 
-#include "koru_mft/tool.h"
+#include "platform/disks.h"
 #include "platform/posix_disks.h"
 #include "platform/posix_env.h"
-#include "support/bytes.h"
+#include "base/bytes.h"
 
 namespace platform {
 namespace {
@@ -599,44 +599,41 @@ void ResetDisks() {
 }
 
 }  // namespace posix
-}  // namespace platform
-
-namespace koru::tool {
 
 bool AttachDisk(const std::string& arg, std::string* error) {
-  platform::Registry& r = platform::TheRegistry();
+  Registry& r = TheRegistry();
   std::lock_guard<std::mutex> lock(r.mutex);
-  platform::ReadEnvironment(r);
-  platform::Disk disk;
-  if (!platform::ParseDiskSpec(arg, &disk, error)) return false;
+  ReadEnvironment(r);
+  Disk disk;
+  if (!ParseDiskSpec(arg, &disk, error)) return false;
   r.disks.push_back(disk);
   r.scanned = false;
   return true;
 }
 
 bool PinVolume(const std::string& arg, std::string* error) {
-  platform::Registry& r = platform::TheRegistry();
+  Registry& r = TheRegistry();
   std::lock_guard<std::mutex> lock(r.mutex);
-  platform::ReadEnvironment(r);
-  platform::Pin pin{};
-  if (!platform::ParsePin(arg, &pin, error)) return false;
+  ReadEnvironment(r);
+  Pin pin{};
+  if (!ParsePin(arg, &pin, error)) return false;
   r.pins.push_back(pin);
   r.scanned = false;
   return true;
 }
 
-std::vector<VolumeInfo> ListVolumes() {
-  platform::Registry& r = platform::TheRegistry();
+std::vector<ListedVolume> ListVolumes() {
+  Registry& r = TheRegistry();
   std::lock_guard<std::mutex> lock(r.mutex);
-  platform::Scan(r);
-  std::vector<VolumeInfo> out;
+  Scan(r);
+  std::vector<ListedVolume> out;
   for (const auto& v : r.volumes) {
     if (v.letter == 0) continue;
-    out.push_back({v.letter, L"\\\\?\\Volume" + v.guid + L"\\", static_cast<std::uint32_t>(v.disk), v.offset, v.length,
+    out.push_back({v.letter, L"\\\\?\\Volume" + v.guid + L"\\", static_cast<DWORD>(v.disk), v.offset, v.length,
                    r.disks[static_cast<std::size_t>(v.disk)].sector_size, v.kind});
   }
-  std::sort(out.begin(), out.end(), [](const VolumeInfo& a, const VolumeInfo& b) { return a.letter < b.letter; });
+  std::sort(out.begin(), out.end(), [](const ListedVolume& a, const ListedVolume& b) { return a.letter < b.letter; });
   return out;
 }
 
-}  // namespace koru::tool
+}  // namespace platform

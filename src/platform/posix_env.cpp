@@ -20,7 +20,7 @@
 #include <sstream>
 #include <vector>
 
-#include "support/utf8.h"
+#include "base/utf8.h"
 
 namespace platform {
 namespace {
@@ -615,6 +615,83 @@ bool PosixEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wch
   if (buffer == nullptr || name.size() + 1 > size) return Fail(kErrorFilenameExcedRange);
   CopyOut(name, buffer, size);
   return true;
+}
+
+// The file-level calls on lettered volumes are answered by the volume file services.
+HANDLE PosixEnv::OpenFileById(HANDLE, const FileIdDescriptor*, DWORD, DWORD, DWORD) {
+  t_last_error = kErrorCallNotImplemented;
+  return InvalidHandle();
+}
+bool PosixEnv::GetFileInformationByHandleEx(HANDLE, DWORD, void*, DWORD) { return Fail(kErrorCallNotImplemented); }
+bool PosixEnv::GetFileInformationByHandle(HANDLE, ByHandleFileInformation*) { return Fail(kErrorCallNotImplemented); }
+bool PosixEnv::GetFileSizeEx(HANDLE handle, std::int64_t* size) {
+  OpenFile file;
+  if (!Lookup(handle, &file)) return Fail(kErrorInvalidHandle);
+  struct stat st{};
+  if (::fstat(file.fd, &st) != 0) return Fail(FromErrno(errno));
+  if (size) *size = file.is_device && file.device.length >= 0 ? file.device.length : st.st_size;
+  return true;
+}
+HANDLE PosixEnv::FindFirstFileNameW(const wchar_t*, DWORD, DWORD*, wchar_t*) {
+  t_last_error = kErrorCallNotImplemented;
+  return InvalidHandle();
+}
+bool PosixEnv::FindNextFileNameW(HANDLE, DWORD*, wchar_t*) { return Fail(kErrorCallNotImplemented); }
+HANDLE PosixEnv::FindFirstFileW(const wchar_t*, FindData*) {
+  t_last_error = kErrorCallNotImplemented;
+  return InvalidHandle();
+}
+bool PosixEnv::FindNextFileW(HANDLE, FindData*) { return Fail(kErrorCallNotImplemented); }
+bool PosixEnv::FindClose(HANDLE) { return Fail(kErrorInvalidHandle); }
+
+DWORD PosixEnv::GetFileAttributesW(const wchar_t* path) {
+  const std::string host = HostPath(path);
+  struct stat st{};
+  if (host.empty() || ::stat(host.c_str(), &st) != 0) {
+    t_last_error = host.empty() ? kErrorPathNotFound : FromErrno(errno);
+    return kInvalidFileAttributes;
+  }
+  return S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeNormal;
+}
+
+DWORD PosixEnv::GetEnvironmentVariableW(const wchar_t* name, wchar_t* buffer, DWORD size) {
+  const char* value = name ? std::getenv(ToUtf8(name).c_str()) : nullptr;
+  if (value == nullptr) {
+    t_last_error = kErrorEnvVarNotFound;
+    return 0;
+  }
+  const std::wstring text = FromUtf8(value);
+  if (buffer == nullptr || text.size() + 1 > size) return static_cast<DWORD>(text.size() + 1);
+  return CopyOut(text, buffer, size);
+}
+
+UINT PosixEnv::GetWindowsDirectoryW(wchar_t*, UINT) {
+  t_last_error = kErrorCallNotImplemented;
+  return 0;
+}
+
+LONG PosixEnv::SHGetFolderPathW(int, DWORD, wchar_t*) { return kEFail; }
+
+DWORD PosixEnv::GetNetworkParams(void* fixed_info, DWORD* size) {
+  if (size == nullptr) return kErrorInvalidParameter;
+  constexpr DWORD kNeeded = 2 * kFixedInfoHostNameSize;  // host and domain names, as far as they are read
+  if (fixed_info == nullptr || *size < kNeeded) {
+    *size = kNeeded;
+    return kErrorBufferOverflow;
+  }
+  char host[kFixedInfoHostNameSize] = {};
+  if (::gethostname(host, sizeof host - 1) != 0) return FromErrno(errno);
+  std::memset(fixed_info, 0, kNeeded);
+  std::memcpy(fixed_info, host, std::strlen(host));
+  return kErrorSuccess;
+}
+
+std::int64_t PosixEnv::Time64() { return static_cast<std::int64_t>(std::time(nullptr)); }
+
+int PosixEnv::LocalTime64(std::int64_t time, std::tm* out) {
+  if (out == nullptr) return EINVAL;
+  const auto t = static_cast<std::time_t>(time);
+  return ::localtime_r(&t, out) != nullptr ? 0 : (errno ? errno : EINVAL);
 }
 
 void PosixEnv::GetLocalTime(SystemTime* time) {

@@ -66,6 +66,23 @@ class PosixEnv : public Env {
   bool DeviceIoControl(HANDLE device, DWORD code, const void* in, DWORD in_size, void* out, DWORD out_size,
                        DWORD* returned) override;
   bool GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wchar_t* buffer, DWORD size) override;
+  HANDLE OpenFileById(HANDLE volume_hint, const FileIdDescriptor* id, DWORD access, DWORD share,
+                      DWORD flags) override;
+  bool GetFileInformationByHandleEx(HANDLE file, DWORD info_class, void* buffer, DWORD size) override;
+  bool GetFileInformationByHandle(HANDLE file, ByHandleFileInformation* info) override;
+  bool GetFileSizeEx(HANDLE file, std::int64_t* size) override;
+  HANDLE FindFirstFileNameW(const wchar_t* path, DWORD flags, DWORD* length, wchar_t* buffer) override;
+  bool FindNextFileNameW(HANDLE find, DWORD* length, wchar_t* buffer) override;
+  HANDLE FindFirstFileW(const wchar_t* pattern, FindData* data) override;
+  bool FindNextFileW(HANDLE find, FindData* data) override;
+  bool FindClose(HANDLE find) override;
+  DWORD GetFileAttributesW(const wchar_t* path) override;
+  DWORD GetEnvironmentVariableW(const wchar_t* name, wchar_t* buffer, DWORD size) override;
+  UINT GetWindowsDirectoryW(wchar_t* buffer, UINT size) override;
+  LONG SHGetFolderPathW(int csidl, DWORD flags, wchar_t* path) override;
+  DWORD GetNetworkParams(void* fixed_info, DWORD* size) override;
+  std::int64_t Time64() override;
+  int LocalTime64(std::int64_t time, std::tm* out) override;
   void GetLocalTime(SystemTime* time) override;
   DWORD GetCurrentThreadId() override;
   std::wostream& StdOut() override;

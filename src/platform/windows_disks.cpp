@@ -1,6 +1,6 @@
-// koru::tool on Windows: the disks and letters are the system's own, so nothing is
+// The tool's disk view on Windows: the disks and letters are the system's own, so nothing is
 // attached or pinned; the volume list is what the system reports.
-#include "koru_mft/tool.h"
+#include "platform/disks.h"
 
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
@@ -15,21 +15,21 @@
 #include <string>
 #include <vector>
 
-namespace koru::tool {
+namespace platform {
 namespace {
 
 constexpr const char* kRefusal = "disks are the system's own on Windows";
 
-class Handle {
+class Device {
  public:
-  explicit Handle(const std::wstring& path)
+  explicit Device(const std::wstring& path)
       : h_(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
                          nullptr)) {}
-  ~Handle() {
+  ~Device() {
     if (ok()) ::CloseHandle(h_);
   }
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
+  Device(const Device&) = delete;
+  Device& operator=(const Device&) = delete;
   bool ok() const { return h_ != INVALID_HANDLE_VALUE; }
   HANDLE get() const { return h_; }
 
@@ -39,12 +39,12 @@ class Handle {
 
 // The first extent of the volume and its disk's sector size; false when the system
 // will not say (no rights, or Wine, which has no disk extents).
-bool Locate(wchar_t letter, VolumeInfo* info) {
-  Handle volume(std::wstring(L"\\\\.\\") + letter + L":");
+bool Locate(wchar_t letter, ListedVolume* info) {
+  Device volume(std::wstring(L"\\\\.\\") + letter + L":");
   if (!volume.ok()) return false;
   // Room for a few extents: a spanned volume reports its first one here.
   alignas(8) unsigned char buffer[sizeof(VOLUME_DISK_EXTENTS) + 7 * sizeof(DISK_EXTENT)] = {};
-  DWORD returned = 0;
+  ::DWORD returned = 0;
   if (!::DeviceIoControl(volume.get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buffer, sizeof buffer,
                          &returned, nullptr) &&
       ::GetLastError() != ERROR_MORE_DATA)
@@ -57,7 +57,7 @@ bool Locate(wchar_t letter, VolumeInfo* info) {
   info->offset = extents.Extents[0].StartingOffset.QuadPart;
   info->length = extents.Extents[0].ExtentLength.QuadPart;
 
-  Handle disk(L"\\\\.\\PhysicalDrive" + std::to_wstring(info->disk));
+  Device disk(L"\\\\.\\PhysicalDrive" + std::to_wstring(info->disk));
   DISK_GEOMETRY_EX geometry{};
   if (disk.ok() && ::DeviceIoControl(disk.get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry,
                                      sizeof geometry, &returned, nullptr))
@@ -77,9 +77,9 @@ bool PinVolume(const std::string&, std::string* error) {
   return false;
 }
 
-std::vector<VolumeInfo> ListVolumes() {
-  std::vector<VolumeInfo> out;
-  const DWORD drives = ::GetLogicalDrives();
+std::vector<ListedVolume> ListVolumes() {
+  std::vector<ListedVolume> out;
+  const ::DWORD drives = ::GetLogicalDrives();
   for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
     if ((drives & (1u << (letter - L'A'))) == 0) continue;
     const std::wstring root = std::wstring(1, letter) + L":\\";
@@ -87,7 +87,7 @@ std::vector<VolumeInfo> ListVolumes() {
     if (!::GetVolumeInformationW(root.c_str(), nullptr, 0, nullptr, nullptr, nullptr, file_system, MAX_PATH + 1))
       continue;
     if (std::wstring(file_system) != L"NTFS") continue;
-    VolumeInfo info;
+    ListedVolume info;
     info.letter = letter;
     info.kind = L"NTFS";
     wchar_t name[MAX_PATH + 1] = {};
@@ -98,4 +98,4 @@ std::vector<VolumeInfo> ListVolumes() {
   return out;
 }
 
-}  // namespace koru::tool
+}  // namespace platform

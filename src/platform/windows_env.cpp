@@ -7,11 +7,16 @@
 #define NOMINMAX
 #endif
 #include <windows.h>
+#include <iphlpapi.h>
+#include <shlobj.h>
 #include <shlwapi.h>
 #include <winioctl.h>
 #include <winver.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
+#include <ctime>
 #include <iostream>
 
 namespace platform {
@@ -32,6 +37,16 @@ static_assert(IOCTL_DISK_GET_DRIVE_GEOMETRY_EX == kIoctlDiskGetDriveGeometryEx);
 static_assert(ERROR_INSUFFICIENT_BUFFER == kErrorInsufficientBuffer);
 static_assert(ERROR_MORE_DATA == kErrorMoreData);
 static_assert(ERROR_PROC_NOT_FOUND == kErrorProcNotFound);
+static_assert(ERROR_BUFFER_OVERFLOW == kErrorBufferOverflow);
+static_assert(ERROR_ENVVAR_NOT_FOUND == kErrorEnvVarNotFound);
+static_assert(ERROR_CANT_ACCESS_FILE == kErrorCantAccessFile);
+static_assert(ERROR_FILE_CORRUPT == kErrorFileCorrupt);
+static_assert(FileNameInfo == kFileNameInfo);
+static_assert(CSIDL_COMMON_DOCUMENTS == kCsidlCommonDocuments);
+static_assert(FILE_FLAG_BACKUP_SEMANTICS == kFileFlagBackupSemantics);
+static_assert(FILE_FLAG_OPEN_REPARSE_POINT == kFileFlagOpenReparsePoint);
+static_assert(sizeof(::FILE_ID_DESCRIPTOR) == sizeof(FileIdDescriptor));
+static_assert(offsetof(::FIXED_INFO, HostName) == 0 && sizeof(::FIXED_INFO::HostName) == kFixedInfoHostNameSize);
 
 // Env carries the predefined keys as their 32-bit values; 64-bit Windows
 // sign-extends them (HKEY_LOCAL_MACHINE is 0xFFFFFFFF80000002 there).
@@ -152,6 +167,134 @@ bool WindowsEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, w
   return ::GetVolumeNameForVolumeMountPointW(mount_point, buffer, size) != FALSE;
 }
 
+HANDLE WindowsEnv::OpenFileById(HANDLE volume_hint, const FileIdDescriptor* id, DWORD access, DWORD share,
+                                DWORD flags) {
+  if (id == nullptr) {
+    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return InvalidHandle();
+  }
+  ::FILE_ID_DESCRIPTOR descriptor{};
+  descriptor.dwSize = id->dwSize;
+  descriptor.Type = static_cast<::FILE_ID_TYPE>(id->Type);
+  descriptor.FileId.QuadPart = id->FileId;
+  return ::OpenFileById(volume_hint, &descriptor, access, share, nullptr, flags);
+}
+
+bool WindowsEnv::GetFileInformationByHandleEx(HANDLE file, DWORD info_class, void* buffer, DWORD size) {
+  return ::GetFileInformationByHandleEx(file, static_cast<::FILE_INFO_BY_HANDLE_CLASS>(info_class), buffer, size) !=
+         FALSE;
+}
+
+bool WindowsEnv::GetFileInformationByHandle(HANDLE file, ByHandleFileInformation* info) {
+  ::BY_HANDLE_FILE_INFORMATION found{};
+  const bool ok = ::GetFileInformationByHandle(file, &found) != FALSE;
+  if (ok && info) {
+    info->dwFileAttributes = found.dwFileAttributes;
+    info->dwVolumeSerialNumber = found.dwVolumeSerialNumber;
+    info->nFileSizeHigh = found.nFileSizeHigh;
+    info->nFileSizeLow = found.nFileSizeLow;
+    info->nNumberOfLinks = found.nNumberOfLinks;
+    info->nFileIndexHigh = found.nFileIndexHigh;
+    info->nFileIndexLow = found.nFileIndexLow;
+  }
+  return ok;
+}
+
+bool WindowsEnv::GetFileSizeEx(HANDLE file, std::int64_t* size) {
+  ::LARGE_INTEGER found{};
+  const bool ok = ::GetFileSizeEx(file, &found) != FALSE;
+  if (ok && size) *size = found.QuadPart;
+  return ok;
+}
+
+// Looked up at run time: Wine does not export the hard-link enumeration.
+HANDLE WindowsEnv::FindFirstFileNameW(const wchar_t* path, DWORD flags, DWORD* length, wchar_t* buffer) {
+  using Fn = ::HANDLE(WINAPI*)(::LPCWSTR, ::DWORD, ::LPDWORD, ::PWSTR);
+  static const Fn fn = Export<Fn>(L"kernel32.dll", "FindFirstFileNameW");
+  if (fn == nullptr) {
+    ::SetLastError(ERROR_CALL_NOT_IMPLEMENTED);
+    return InvalidHandle();
+  }
+  ::DWORD n = length ? *length : 0;
+  const ::HANDLE h = fn(path, flags, &n, buffer);
+  if (length) *length = n;
+  return h;
+}
+
+bool WindowsEnv::FindNextFileNameW(HANDLE find, DWORD* length, wchar_t* buffer) {
+  using Fn = ::BOOL(WINAPI*)(::HANDLE, ::LPDWORD, ::PWSTR);
+  static const Fn fn = Export<Fn>(L"kernel32.dll", "FindNextFileNameW");
+  if (fn == nullptr) {
+    ::SetLastError(ERROR_CALL_NOT_IMPLEMENTED);
+    return false;
+  }
+  ::DWORD n = length ? *length : 0;
+  const bool ok = fn(find, &n, buffer) != FALSE;
+  if (length) *length = n;
+  return ok;
+}
+
+namespace {
+void CopyFindData(const ::WIN32_FIND_DATAW& found, FindData* data) {
+  if (data == nullptr) return;
+  data->dwFileAttributes = found.dwFileAttributes;
+  data->nFileSizeHigh = found.nFileSizeHigh;
+  data->nFileSizeLow = found.nFileSizeLow;
+  std::copy(std::begin(found.cFileName), std::end(found.cFileName), data->cFileName);
+  data->cFileName[259] = 0;
+}
+}  // namespace
+
+HANDLE WindowsEnv::FindFirstFileW(const wchar_t* pattern, FindData* data) {
+  ::WIN32_FIND_DATAW found{};
+  const ::HANDLE h = ::FindFirstFileW(pattern, &found);
+  if (h != INVALID_HANDLE_VALUE) CopyFindData(found, data);
+  return h;
+}
+
+bool WindowsEnv::FindNextFileW(HANDLE find, FindData* data) {
+  ::WIN32_FIND_DATAW found{};
+  const bool ok = ::FindNextFileW(find, &found) != FALSE;
+  if (ok) CopyFindData(found, data);
+  return ok;
+}
+
+bool WindowsEnv::FindClose(HANDLE find) { return ::FindClose(find) != FALSE; }
+
+DWORD WindowsEnv::GetFileAttributesW(const wchar_t* path) { return ::GetFileAttributesW(path); }
+
+DWORD WindowsEnv::GetEnvironmentVariableW(const wchar_t* name, wchar_t* buffer, DWORD size) {
+  return ::GetEnvironmentVariableW(name, buffer, size);
+}
+
+UINT WindowsEnv::GetWindowsDirectoryW(wchar_t* buffer, UINT size) { return ::GetWindowsDirectoryW(buffer, size); }
+
+LONG WindowsEnv::SHGetFolderPathW(int csidl, DWORD flags, wchar_t* path) {
+  return ::SHGetFolderPathW(nullptr, csidl, nullptr, flags, path);
+}
+
+DWORD WindowsEnv::GetNetworkParams(void* fixed_info, DWORD* size) {
+  ::ULONG n = size ? *size : 0;
+  const DWORD result = ::GetNetworkParams(static_cast<::PFIXED_INFO>(fixed_info), &n);
+  if (size) *size = n;
+  return result;
+}
+
+bool WindowsEnv::FileTimeToSystemTime(std::uint64_t file_time, SystemTime* time) {
+  ::FILETIME ft{static_cast<::DWORD>(file_time), static_cast<::DWORD>(file_time >> 32)};
+  ::SYSTEMTIME st{};
+  if (!::FileTimeToSystemTime(&ft, &st) || time == nullptr) return false;
+  *time = SystemTime{st.wYear, st.wMonth, st.wDayOfWeek, st.wDay, st.wHour, st.wMinute, st.wSecond, st.wMilliseconds};
+  return true;
+}
+
+std::int64_t WindowsEnv::Time64() { return ::_time64(nullptr); }
+
+int WindowsEnv::LocalTime64(std::int64_t time, std::tm* out) {
+  const ::__time64_t t = time;
+  return ::_localtime64_s(out, &t);
+}
+
 void WindowsEnv::GetLocalTime(SystemTime* time) {
   ::SYSTEMTIME now{};
   ::GetLocalTime(&now);
@@ -269,11 +412,6 @@ const char* WineVersion() {
   using Fn = const char*(CDECL*)();
   static const Fn fn = Export<Fn>(L"ntdll.dll", "wine_get_version");
   return fn ? fn() : nullptr;
-}
-
-void* FindFirstFileNameWEntry() {
-  static void* const fn = Export<void*>(L"kernel32.dll", "FindFirstFileNameW");
-  return fn;
 }
 
 }  // namespace windows

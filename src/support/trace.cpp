@@ -9,16 +9,15 @@
 #include <sstream>
 #include <vector>
 
-#include "support/format.h"
+#include "base/format.h"
 #include "support/system_environment.h"
-#include "support/utf8.h"
+#include "base/utf8.h"
+#include "platform/device_io.h"
 
 namespace varnel {
 namespace {
 
-constexpr platform::DWORD kPathChars = 260;
-// Growth of the module-name buffer stops here: no real path is longer.
-constexpr platform::DWORD kMaxPathChars = 32768;
+using platform::kPathChars;
 
 thread_local std::wstring t_last_problem;
 
@@ -135,28 +134,8 @@ CTrace::CTrace(const wchar_t* log_file_name, const wchar_t* level_key_name, plat
 CTrace::~CTrace() = default;
 
 bool CTrace::GetOwnDir(string& dir) {
-  std::vector<wchar_t> buffer(kPathChars, L'\0');
-  bool ok = false;
-  for (;;) {
-    m_env.SetLastError(platform::kErrorSuccess);
-    const platform::DWORD n =
-        m_env.GetModuleFileNameW(nullptr, buffer.data(), static_cast<platform::DWORD>(buffer.size()));
-    const platform::DWORD error = m_env.GetLastError();
-    if (n == 0) break;
-    if (error == platform::kErrorInsufficientBuffer) {
-      if (buffer.size() >= kMaxPathChars) break;
-      buffer.assign(buffer.size() + kPathChars, L'\0');
-      continue;
-    }
-    if (error != platform::kErrorSuccess) break;
-    ok = true;
-    break;
-  }
-  if (ok) {
-    dir = string(buffer.data());
-  } else {
-    dir = L"X:\\Program Files\\Varnel\\KORU\\";
-  }
+  const auto name = platform::ModuleFileName(m_env, nullptr);
+  dir = name ? string(name->c_str(), name->size()) : string(L"X:\\Program Files\\Varnel\\KORU\\");
   const std::size_t cut = dir.rfind(L'\\');
   if (cut != string::npos) dir.erase(cut);
   return true;

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "mft/attribute_walk.h"
-#include "mft/layout.h"
+#include "base/ntfs_layout.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   koru::layout::RecordBuffer record{};

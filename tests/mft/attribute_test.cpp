@@ -7,7 +7,7 @@
 #include <sstream>
 #include <typeinfo>
 
-#include "mft/layout.h"
+#include "base/ntfs_layout.h"
 #include "support/temp_disk.h"
 #include "support/trace_capture.h"
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "mft/layout.h"
+#include "base/ntfs_layout.h"
 #include "mft/record_fixture.h"
 #include "support/temp_disk.h"
 #include "support/trace_capture.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "mft/layout.h"
+#include "base/ntfs_layout.h"
 #include "support/temp_disk.h"
 
 namespace koru::test {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "disk/boot_sector_layout.h"
+#include "base/ntfs_layout.h"
 #include "mft/mft.h"
 #include "support/temp_dir.h"
 #include "support/temp_disk.h"
@@ -129,7 +129,9 @@ TEST(WindowsEnv, SystemInformationAndOptionalExports) {
   EXPECT_FALSE(env.LookupPrivilegeValueW(L"SeNoSuchPrivilege", &luid));
   EXPECT_EQ(env.GetLastError(), platform::kErrorNoSuchPrivilege);
   if (UnderWine()) GTEST_SKIP() << "Wine " << platform::windows::WineVersion() << " has no FindFirstFileNameW";
-  EXPECT_NE(platform::windows::FindFirstFileNameWEntry(), nullptr);
+  DWORD length = 0;
+  env.FindFirstFileNameW(L"C:\\no-such-file", 0, &length, nullptr);
+  EXPECT_NE(env.GetLastError(), platform::kErrorCallNotImplemented);
 }
 
 #if defined(KORU_DLL_PATH)

@@ -18,6 +18,9 @@ using platform::DWORD;
 enum class Call {
   GetModuleHandleW, GetModuleFileNameW, GetFileVersionInfoSizeW, GetFileVersionInfoW, VerQueryValueW,
   CreateFileW, ReadFile, SetFilePointerEx, CloseHandle, DeviceIoControl, RegQueryValueExW, AdjustTokenPrivileges,
+  OpenFileById, GetFileInformationByHandleEx, GetFileInformationByHandle, GetFileSizeEx, FindFirstFileNameW,
+  FindNextFileNameW, FindFirstFileW, FindNextFileW, FindClose, GetFileAttributesW, PathFileExistsW,
+  GetEnvironmentVariableW, GetWindowsDirectoryW, SHGetFolderPathW, GetNetworkParams, LocalTime64,
 };
 
 class FaultEnv : public platform::Env {
@@ -75,6 +78,54 @@ class FaultEnv : public platform::Env {
                        DWORD* r) override;
   bool GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, DWORD n) override;
   platform::LONG RegQueryValueExW(platform::HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) override;
+  platform::HANDLE OpenFileById(platform::HANDLE v, const platform::FileIdDescriptor* id, DWORD a, DWORD s,
+                                DWORD f) override {
+    return Failed(Call::OpenFileById) ? platform::InvalidHandle() : inner_.OpenFileById(v, id, a, s, f);
+  }
+  bool GetFileInformationByHandleEx(platform::HANDLE h, DWORD c, void* b, DWORD n) override {
+    return !Failed(Call::GetFileInformationByHandleEx) && inner_.GetFileInformationByHandleEx(h, c, b, n);
+  }
+  bool GetFileInformationByHandle(platform::HANDLE h, platform::ByHandleFileInformation* i) override {
+    return !Failed(Call::GetFileInformationByHandle) && inner_.GetFileInformationByHandle(h, i);
+  }
+  bool GetFileSizeEx(platform::HANDLE h, std::int64_t* s) override {
+    return !Failed(Call::GetFileSizeEx) && inner_.GetFileSizeEx(h, s);
+  }
+  platform::HANDLE FindFirstFileNameW(const wchar_t* p, DWORD f, DWORD* l, wchar_t* b) override {
+    return Failed(Call::FindFirstFileNameW) ? platform::InvalidHandle() : inner_.FindFirstFileNameW(p, f, l, b);
+  }
+  bool FindNextFileNameW(platform::HANDLE h, DWORD* l, wchar_t* b) override {
+    return !Failed(Call::FindNextFileNameW) && inner_.FindNextFileNameW(h, l, b);
+  }
+  platform::HANDLE FindFirstFileW(const wchar_t* p, platform::FindData* d) override {
+    return Failed(Call::FindFirstFileW) ? platform::InvalidHandle() : inner_.FindFirstFileW(p, d);
+  }
+  bool FindNextFileW(platform::HANDLE h, platform::FindData* d) override {
+    return !Failed(Call::FindNextFileW) && inner_.FindNextFileW(h, d);
+  }
+  bool FindClose(platform::HANDLE h) override { return !Failed(Call::FindClose) && inner_.FindClose(h); }
+  DWORD GetFileAttributesW(const wchar_t* p) override {
+    return Failed(Call::GetFileAttributesW) ? platform::kInvalidFileAttributes : inner_.GetFileAttributesW(p);
+  }
+  bool PathFileExistsW(const wchar_t* p) override { return !Failed(Call::PathFileExistsW) && inner_.PathFileExistsW(p); }
+  DWORD GetEnvironmentVariableW(const wchar_t* n, wchar_t* b, DWORD s) override {
+    return Failed(Call::GetEnvironmentVariableW) ? 0 : inner_.GetEnvironmentVariableW(n, b, s);
+  }
+  platform::UINT GetWindowsDirectoryW(wchar_t* b, platform::UINT s) override {
+    return Failed(Call::GetWindowsDirectoryW) ? 0 : inner_.GetWindowsDirectoryW(b, s);
+  }
+  platform::LONG SHGetFolderPathW(int c, DWORD f, wchar_t* p) override {
+    return Failed(Call::SHGetFolderPathW) ? platform::kEFail : inner_.SHGetFolderPathW(c, f, p);
+  }
+  // Fails with the error as its result, as the call reports it.
+  DWORD GetNetworkParams(void* i, DWORD* s) override {
+    const Fault* f = Next(Call::GetNetworkParams);
+    return f && f->kind == Kind::kFail ? f->value : inner_.GetNetworkParams(i, s);
+  }
+  int LocalTime64(std::int64_t t, std::tm* o) override {
+    const Fault* f = Next(Call::LocalTime64);
+    return f && f->kind == Kind::kFail ? static_cast<int>(f->value) : inner_.LocalTime64(t, o);
+  }
 
   // Passed through.
   DWORD GetLastError() override { return inner_.GetLastError(); }
@@ -89,13 +140,16 @@ class FaultEnv : public platform::Env {
   bool WritePrivateProfileStringW(const wchar_t* s, const wchar_t* k, const wchar_t* v, const wchar_t* f) override {
     return inner_.WritePrivateProfileStringW(s, k, v, f);
   }
-  bool PathFileExistsW(const wchar_t* p) override { return inner_.PathFileExistsW(p); }
   bool PathIsDirectoryW(const wchar_t* p) override { return inner_.PathIsDirectoryW(p); }
   bool CreateDirectoryW(const wchar_t* p) override { return inner_.CreateDirectoryW(p); }
   bool CopyFileW(const wchar_t* a, const wchar_t* b, bool f) override { return inner_.CopyFileW(a, b, f); }
   bool DeleteFileW(const wchar_t* p) override { return inner_.DeleteFileW(p); }
   bool WriteFile(platform::HANDLE h, const void* b, DWORD n, DWORD* w) override { return inner_.WriteFile(h, b, n, w); }
   void GetLocalTime(platform::SystemTime* t) override { inner_.GetLocalTime(t); }
+  bool FileTimeToSystemTime(std::uint64_t f, platform::SystemTime* t) override {
+    return inner_.FileTimeToSystemTime(f, t);
+  }
+  std::int64_t Time64() override { return inner_.Time64(); }
   DWORD GetCurrentThreadId() override { return inner_.GetCurrentThreadId(); }
   bool GetVersionExW(platform::OsVersionInfo* i) override { return inner_.GetVersionExW(i); }
   bool GetProductInfo(DWORD a, DWORD b, DWORD c, DWORD d, DWORD* t) override {

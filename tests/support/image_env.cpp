@@ -6,8 +6,8 @@
 #include <cwctype>
 #include <string>
 
-#include "disk/boot_sector_layout.h"
-#include "support/bytes.h"
+#include "base/ntfs_layout.h"
+#include "base/bytes.h"
 
 namespace koru::test {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "koru_mft/varnel_string.h"
-#include "support/format.h"
+#include "base/format.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <string>
 
+#include "base/utf8.h"
 #include "command.h"
 #include "koru_mft/tool.h"
 
@@ -16,37 +17,7 @@ std::vector<Entry>& Registry() {
 
 Registrar::Registrar(int order, Setup setup) { Registry().push_back({order, std::move(setup)}); }
 
-std::string Utf8(const std::wstring& text) {
-  std::string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    auto c = static_cast<std::uint32_t>(text[i]);
-    // UTF-16 (Windows): a surrogate pair is one character; a lone half is not text.
-    if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size()) {
-      const auto low = static_cast<std::uint32_t>(text[i + 1]);
-      if (low >= 0xDC00 && low < 0xE000) {
-        c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
-        ++i;
-      }
-    }
-    if (c > 0x10FFFF || (c >= 0xD800 && c < 0xE000)) c = '?';
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
-}
+std::string Utf8(const std::wstring& text) { return koru::Utf8FromWide(text); }
 
 void Out(const std::wstring& text) {
   std::cout << Utf8(text);

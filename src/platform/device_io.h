@@ -1,0 +1,59 @@
+// Device I/O as the core does it, written once: the drive path, the open, a handle
+// that closes itself, a positional read that says which step failed (so each caller
+// keeps its own trace texts), and the module-path query that grows its buffer.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/env.h"
+
+namespace platform {
+
+inline constexpr DWORD kPathChars = 260;
+
+// "\\.\PhysicalDrive%u" in a buffer of 260 characters (cut silently, as the core's
+// fixed buffers are).
+struct DrivePath {
+  wchar_t text[kPathChars] = {};
+};
+DrivePath PhysicalDrivePath(DWORD disk);
+
+// Generic read, shared read and write, open-existing, no flags: how every disk and
+// volume is opened.
+HANDLE OpenForRead(Env& env, const wchar_t* path);
+
+// Closes a valid handle when it goes out of scope.
+class ScopedHandle {
+ public:
+  ScopedHandle(Env& env, HANDLE handle) : env_(env), handle_(handle) {}
+  ~ScopedHandle() {
+    if (IsValid(handle_)) env_.CloseHandle(handle_);
+  }
+  ScopedHandle(const ScopedHandle&) = delete;
+  ScopedHandle& operator=(const ScopedHandle&) = delete;
+  HANDLE get() const { return handle_; }
+  bool valid() const { return IsValid(handle_); }
+
+ private:
+  Env& env_;
+  HANDLE handle_;
+};
+
+// A read of `size` bytes at byte `offset` from the start of a device: seek from the
+// beginning, check the position, read. `step` names the first step that failed;
+// `error` is the last error of a failed call.
+struct ReadResult {
+  enum Step { kOk, kSeekFailed, kSeekElsewhere, kReadFailed, kShortRead } step = kOk;
+  DWORD error = 0;
+  DWORD bytes = 0;
+  bool ok() const { return step == kOk; }
+};
+ReadResult ReadAt(Env& env, HANDLE device, std::uint64_t offset, void* buffer, DWORD size);
+
+// GetModuleFileNameW into a buffer grown by 260 characters while the system reports
+// it too small; nothing when the query fails.
+std::optional<std::wstring> ModuleFileName(Env& env, HMODULE module);
+
+}  // namespace platform
