@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <ostream>
 
+#include "koru_mft/hard_link_map.h"
 #include "mft/attribute.h"
 #include "base/ntfs_layout.h"
 #include "platform/env.h"
@@ -27,6 +29,10 @@ class MFT {
   bool SetVolumeHintHandle();
   // Appends the absolute sector ranges of the MFT's own $DATA runs.
   bool GetMftRanges(SectorRanges& ranges);
+  // Dumps the record at m_uiMftSector as it lies on the disk (no fix-ups).
+  bool Read(std::wostream& os);
+  // Scans the whole MFT for multiply-linked files, one path each, with progress lines.
+  void GetHardLinkList(HardLinkMap& map, std::wostream& progress);
   // Closes whichever handle is open (the owner's duty once a call is done).
   void CloseHandles();
 
