@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/ntfs_layout.h"
+#include "platform/disks.h"
 #include "platform/posix_volume_paths.h"
 
 namespace platform::posix {
@@ -181,7 +182,8 @@ class VolumeFiles::Volume final : public RecordSource {
   bool List(const FileRecord& dir, std::shared_ptr<const Listing>* out, DWORD* error) {
     const auto key = std::make_pair(dir.record, dir.seq);
     if (const auto hit = listings_.find(key); hit != listings_.end()) {
-      *out = hit->second;
+      hit->second.used = ++uses_;
+      *out = hit->second.listing;
       return true;
     }
     TSK_FS_DIR* tsk_dir = tsk_fs_dir_open_meta(fs_, dir.record);
@@ -224,19 +226,25 @@ class VolumeFiles::Volume final : public RecordSource {
         }
       }
     }
-    std::stable_sort(listing->entries.begin(), listing->entries.end(), [this](const Entry& a, const Entry& b) {
-      return upcase.Key(a.name) < upcase.Key(b.name);
-    });
+    std::vector<std::pair<std::u16string, Entry>> sorted;
+    for (auto& entry : listing->entries) sorted.emplace_back(upcase.Key(entry.name), std::move(entry));
+    std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    listing->entries.clear();
     std::unordered_map<std::uint64_t, std::size_t> first_entry;
-    for (std::size_t i = 0; i < listing->entries.size(); ++i) {
-      listing->by_key.emplace(upcase.Key(listing->entries[i].name), i);
-      first_entry.emplace(listing->entries[i].record, i);
+    for (auto& [key, entry] : sorted) {
+      listing->by_key.emplace(std::move(key), listing->entries.size());
+      first_entry.emplace(entry.record, listing->entries.size());
+      listing->entries.push_back(std::move(entry));
     }
     // An 8.3 alias opens its file too (Windows looks names up by either).
     for (const auto& [key, record] : aliases)
       if (const auto entry = first_entry.find(record); entry != first_entry.end()) listing->by_key.emplace(key, entry->second);
-    if (listings_.size() >= kMaxCachedListings) listings_.clear();
-    listings_[key] = listing;
+    // The least recently used goes: a wide folder stays while its subfolders are walked.
+    if (listings_.size() >= kMaxCachedListings)
+      listings_.erase(std::min_element(listings_.begin(), listings_.end(), [](const auto& a, const auto& b) {
+        return a.second.used < b.second.used;
+      }));
+    listings_[key] = {listing, ++uses_};
     *out = std::move(listing);
     return true;
   }
@@ -297,7 +305,12 @@ class VolumeFiles::Volume final : public RecordSource {
   std::uint64_t record_size_ = 0;
   std::uint32_t serial_ = 0;
   std::unordered_map<std::uint64_t, FileRecord> records_;
-  std::map<std::pair<std::uint64_t, std::uint16_t>, std::shared_ptr<const Listing>> listings_;
+  struct CachedListing {
+    std::shared_ptr<const Listing> listing;
+    std::uint64_t used = 0;
+  };
+  std::map<std::pair<std::uint64_t, std::uint16_t>, CachedListing> listings_;
+  std::uint64_t uses_ = 0;
 };
 
 // What a handle of this unit refers to.
@@ -373,21 +386,21 @@ std::shared_ptr<VolumeFiles::Object> VolumeFiles::Find(HANDLE handle, int kind) 
 
 std::shared_ptr<VolumeFiles::Volume> VolumeFiles::OpenVolume(const DeviceBinding& binding, DWORD* error,
                                                             std::string* reason) {
-  // Keyed by what the bytes are, so an image made again under the same name is read afresh.
+  // A volume is read again when its image was made anew under the same name.
   struct stat st{};
-  std::string key = binding.host_path + "@" + std::to_string(binding.base);
+  std::string identity;
   if (::stat(binding.host_path.c_str(), &st) == 0)
-    key += "#" + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
-           std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+    identity = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
+               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (const auto hit = volumes_.find(key); hit != volumes_.end()) return hit->second;
-  auto refused = refused_.find(key);
-  if (refused == refused_.end()) {
-    std::string why;
-    if (auto volume = Volume::Open(binding, &why)) return volumes_[key] = std::move(volume);
-    refused = refused_.emplace(key, why).first;
+  Opened& opened = volumes_[binding.host_path + "@" + std::to_string(binding.base)];
+  if (opened.identity != identity || (!opened.volume && opened.refusal.empty())) {
+    std::string refusal;
+    auto volume = Volume::Open(binding, &refusal);
+    opened = Opened{identity, std::move(volume), std::move(refusal)};
   }
-  if (reason != nullptr) *reason = refused->second;
+  if (opened.volume) return opened.volume;
+  if (reason != nullptr) *reason = opened.refusal;
   *error = kErrorUnrecognizedVolume;
   return nullptr;
 }
@@ -668,3 +681,7 @@ std::string VolumeFiles::Problem(wchar_t letter) {
 }
 
 }  // namespace platform::posix
+
+namespace platform {
+std::string FileLevelProblem(wchar_t letter) { return posix::VolumeFiles::Instance().Problem(letter); }
+}  // namespace platform

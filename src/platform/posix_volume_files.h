@@ -5,6 +5,8 @@
 //
 // One TSK handle per volume is opened on first use and kept for the process; file
 // and find handles are values of their own range, so PosixEnv can tell them apart.
+// Paths are looked up as NTFS compares names (its $UpCase table, 8.3 aliases too);
+// reparse points on the way are not followed.
 #pragma once
 
 #include <cstdint>
@@ -68,8 +70,12 @@ class VolumeFiles {
   std::shared_ptr<Object> Find(HANDLE handle, int kind);
 
   std::mutex mutex_;
-  std::unordered_map<std::string, std::shared_ptr<Volume>> volumes_;
-  std::unordered_map<std::string, std::string> refused_;  // volume key -> reason
+  struct Opened {
+    std::string identity;  // of the image file, so that one made anew is read again
+    std::shared_ptr<Volume> volume;
+    std::string refusal;   // why The Sleuth Kit cannot read it
+  };
+  std::unordered_map<std::string, Opened> volumes_;  // by host path and offset
   std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> handles_;
   std::uintptr_t next_ = 0;
 };

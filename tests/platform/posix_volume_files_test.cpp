@@ -196,6 +196,7 @@ TEST_F(VolumeFiles, NamesLinksAndPathsAgreeWithTheSleuthKit) {
 TEST_F(VolumeFiles, AnswersAsWindowsDoes) {
   Attach("files.img");
   if (IsSkipped()) return;
+  EXPECT_EQ(koru::tool::FileLevelProblem(L'C'), "");
   // A DOS alias is a name istat counts but Win32 does not, and it opens the file.
   EXPECT_NE(Shell("istat '" + image_ + "' " + std::to_string(Ifind(image_, "ProgramData/LongFileName.txt"))).find("Links: 3"),
             std::string::npos);
@@ -358,7 +359,8 @@ TEST_F(VolumeFiles, ClustersTheSleuthKitRefusesGiveAReason) {
   if (IsSkipped()) return;
   EXPECT_FALSE(env_.PathFileExistsW(L"\\\\?\\C:\\"));
   EXPECT_EQ(env_.GetLastError(), posix::kErrorUnrecognizedVolume);
-  const std::string reason = posix::VolumeFiles::Instance().Problem(L'C');
+  EXPECT_EQ(koru::tool::FileLevelProblem(L'D'), "there is no volume D:");
+  const std::string reason = koru::tool::FileLevelProblem(L'C');
   EXPECT_NE(reason.find("clusters above 64 KiB"), std::string::npos) << reason;
   EXPECT_NE(reason.find("2048 KiB"), std::string::npos) << reason;
 }
