@@ -23,17 +23,6 @@ class Records : public RecordSource {
   std::map<std::uint64_t, FileRecord> records;
 };
 
-class Input {
- public:
-  Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-  bool empty() const { return at_ >= size_; }
-  std::uint8_t Byte() { return at_ < size_ ? data_[at_++] : 0; }
-
- private:
-  const std::uint8_t* data_;
-  std::size_t size_, at_ = 0;
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -41,23 +30,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (std::size_t at = 0; at < size; at += 7) (void)DecodeFileName(koru::Sub(bytes, at, 0x42 + 2 * (data[at] % 8)));
 
   // Records 0..31: a flags byte, a sequence byte and up to three names, each a parent,
-  // its sequence, a namespace and a length; long names repeat their one unit.
-  Input in(data, size);
+  // its sequence, a namespace and a length in 8-unit steps (long enough for the
+  // path limit); a name repeats one unit.
+  std::size_t at = 0;
+  const auto byte = [&] { return at < size ? data[at++] : std::uint8_t{0}; };
   Records records;
-  for (std::uint64_t r = 0; r < 32 && !in.empty(); ++r) {
+  for (std::uint64_t r = 0; r < 32 && at < size; ++r) {
     FileRecord& f = records.records[r];
-    const std::uint8_t flags = in.Byte();
+    const std::uint8_t flags = byte();
     f.record = r;
     f.in_use = flags & 1;
     f.directory = flags & 2;
     f.base_record = flags & 4 ? 1 : 0;
-    f.seq = in.Byte() % 4;
+    f.seq = byte() % 4;
     for (int n = flags >> 6; n > 0; --n) {
       FileName name;
-      name.parent = in.Byte() % 32;
-      name.parent_seq = in.Byte() % 4;
-      name.name_space = in.Byte() % 4;
-      name.name.assign(in.Byte(), static_cast<char16_t>('a' + r));
+      name.parent = byte() % 32;
+      name.parent_seq = byte() % 4;
+      name.name_space = byte() % 4;
+      name.name.assign(std::size_t{byte()} * 8, static_cast<char16_t>('a' + r));
       f.names.push_back(name);
     }
   }
