@@ -113,14 +113,16 @@ class VolumeFiles::Volume final : public RecordSource {
     std::array<std::byte, boot::kSize> sector{};
     if (tsk_img_read(v->img_, binding.base, reinterpret_cast<char*>(sector.data()), sector.size()) !=
         static_cast<ssize_t>(sector.size())) {
-      *reason = "cannot read the boot sector of the volume: " + TskError();
+      *reason = "The Sleuth Kit cannot read the boot sector of the volume: " + TskError();
       return nullptr;
     }
     const std::uint64_t cluster = ClusterBytes(sector);
     v->fs_ = tsk_fs_open_img(v->img_, binding.base, TSK_FS_TYPE_NTFS);
     if (v->fs_ == nullptr) {
       const std::string why = TskError();
-      if (cluster > kTskMaxCluster)
+      if (boot::HasOemId(sector, boot::kBitLockerOemId))
+        *reason = "the volume is encrypted with BitLocker, and The Sleuth Kit reads only NTFS";
+      else if (cluster > kTskMaxCluster)
         *reason = "The Sleuth Kit " + std::string(tsk_version_get_str()) +
                   " cannot read NTFS volumes with clusters above 64 KiB, and this volume's clusters are " +
                   std::to_string(cluster / 1024) +

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -332,7 +333,7 @@ TEST_F(VolumeFiles, ThreadsShareOneVolume) {
   EXPECT_EQ(answers, std::vector<std::wstring>(4, L"\\Windows\\many.dat"));
 }
 
-TEST(WindowsFolders, DefaultsUnlessTheEnvironmentSetsThem) {
+TEST(WindowsAnswers, FoldersDefaultUnlessTheEnvironmentSetsThemAndTheHostIsNamed) {
   PosixEnv env;
   ::unsetenv("ProgramData");
   ::setenv("ProgramFiles", "D:\\Apps", 1);
@@ -350,6 +351,12 @@ TEST(WindowsFolders, DefaultsUnlessTheEnvironmentSetsThem) {
   EXPECT_EQ(std::wstring(buffer), L"C:\\Users\\Public\\Documents");
   ::unsetenv("ProgramFiles");
   ::unsetenv("ProgramFiles(x86)");
+  DWORD size = 0;
+  ASSERT_EQ(env.GetNetworkParams(nullptr, &size), kErrorBufferOverflow);
+  std::vector<char> info(size), host(kFixedInfoHostNameSize);
+  EXPECT_EQ(env.GetNetworkParams(info.data(), &size), kErrorSuccess);
+  ::gethostname(host.data(), host.size() - 1);
+  EXPECT_STREQ(info.data(), host.data());
 }
 
 }  // namespace
