@@ -237,8 +237,8 @@ TEST_F(VolumeFiles, OpenByIdRefusesWhatIsNotAFileAndShortBuffersSayHowLong) {
   if (IsSkipped()) return;
   const std::uint64_t reference = Id(L"\\Windows\\many.dat"), seq = reference >> 48 << 48;
   // An extension record of the file with 41 names, found by its base reference.
-  std::ifstream in(image_, std::ios::binary);
-  const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), {});
+  std::vector<char> bytes(std::filesystem::file_size(image_));
+  std::ifstream(image_, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   std::uint64_t extension = 0, base = 0;
   for (std::size_t at = 0; at + 1024 <= bytes.size() && extension == 0; at += 1024)
     if (std::memcmp(&bytes[at], "FILE", 4) == 0 && (std::memcpy(&base, &bytes[at + 0x20], 6), base) == (reference & ~seq))
