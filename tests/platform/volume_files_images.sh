@@ -84,8 +84,8 @@ fill_hostile() {
 patch() {
   local img=$1 args=() cmd path other
   shift
-  for spec in "$@"; do
-    read -r cmd path other <<<"$spec"
+  for change in "$@"; do
+    read -r cmd path other <<<"$change"
     args+=("$cmd" "$(ifind -n "$path" "$img")" "$([[ -n $other ]] && ifind -n "$other" "$img" || echo 0)")
   done
   python3 - "$img" "${args[@]}" <<'EOF'
