@@ -21,11 +21,24 @@
 #include <vector>
 
 #include "base/utf8.h"
+#include "platform/posix_volume_files.h"
 
 namespace platform {
 namespace {
 
 thread_local DWORD t_last_error = 0;
+
+// Files on lettered volumes are answered by the volume file services, which report
+// their Win32 error through the last argument.
+posix::VolumeFiles& Volumes() { return posix::VolumeFiles::Instance(); }
+
+template <typename Call>
+auto Forward(Call call) {
+  DWORD error = kErrorSuccess;
+  auto result = call(&error);
+  t_last_error = error;
+  return result;
+}
 
 DWORD FromErrno(int e) {
   switch (e) {
@@ -390,6 +403,8 @@ bool PosixEnv::WritePrivateProfileStringW(const wchar_t* section, const wchar_t*
 }
 
 bool PosixEnv::PathFileExistsW(const wchar_t* path) {
+  if (posix::IsVolumePath(path))
+    return Forward([&](DWORD* e) { return Volumes().GetFileAttributes(path, e) != kInvalidFileAttributes; });
   const std::string host = HostPath(path);
   struct stat st{};
   if (host.empty() || ::stat(host.c_str(), &st) != 0) return Fail(FromErrno(errno ? errno : ENOENT));
@@ -397,6 +412,10 @@ bool PosixEnv::PathFileExistsW(const wchar_t* path) {
 }
 
 bool PosixEnv::PathIsDirectoryW(const wchar_t* path) {
+  if (posix::IsVolumePath(path)) {
+    const DWORD attributes = Forward([&](DWORD* e) { return Volumes().GetFileAttributes(path, e); });
+    return attributes != kInvalidFileAttributes && (attributes & kFileAttributeDirectory) != 0;
+  }
   const std::string host = HostPath(path);
   struct stat st{};
   return !host.empty() && ::stat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
@@ -446,11 +465,14 @@ void PosixEnv::Store(HANDLE handle, const OpenFile& file) {
   if (it != files_.end()) it->second.position = file.position;
 }
 
-HANDLE PosixEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD /*share*/, DWORD disposition, DWORD /*flags*/) {
+HANDLE PosixEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD /*share*/, DWORD disposition,
+                             DWORD flags_and_attributes) {
   if (path == nullptr) {
     t_last_error = kErrorInvalidParameter;
     return InvalidHandle();
   }
+  if (posix::IsVolumePath(path))
+    return Forward([&](DWORD* e) { return Volumes().CreateFile(path, access, disposition, flags_and_attributes, e); });
   const std::wstring wpath(path);
   OpenFile file;
   std::string host;
@@ -583,6 +605,7 @@ bool PosixEnv::SetFilePointerEx(HANDLE handle, std::int64_t distance, std::int64
 }
 
 bool PosixEnv::CloseHandle(HANDLE handle) {
+  if (posix::VolumeFiles::Owns(handle)) return Forward([&](DWORD* e) { return Volumes().CloseHandle(handle, e); });
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = files_.find(reinterpret_cast<std::uintptr_t>(handle));
   if (it == files_.end()) return Fail(kErrorInvalidHandle);
@@ -618,13 +641,25 @@ bool PosixEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wch
 }
 
 // The file-level calls on lettered volumes are answered by the volume file services.
-HANDLE PosixEnv::OpenFileById(HANDLE, const FileIdDescriptor*, DWORD, DWORD, DWORD) {
-  t_last_error = kErrorCallNotImplemented;
-  return InvalidHandle();
+HANDLE PosixEnv::OpenFileById(HANDLE volume_hint, const FileIdDescriptor* id, DWORD access, DWORD, DWORD flags) {
+  OpenFile volume;
+  if (!Lookup(volume_hint, &volume)) {
+    t_last_error = kErrorInvalidHandle;
+    return InvalidHandle();
+  }
+  // A file's handle binds no volume (-1), which the services refuse.
+  return Forward([&](DWORD* e) { return Volumes().OpenFileById(volume.device, id, access, flags, e); });
 }
-bool PosixEnv::GetFileInformationByHandleEx(HANDLE, DWORD, void*, DWORD) { return Fail(kErrorCallNotImplemented); }
-bool PosixEnv::GetFileInformationByHandle(HANDLE, ByHandleFileInformation*) { return Fail(kErrorCallNotImplemented); }
+bool PosixEnv::GetFileInformationByHandleEx(HANDLE file, DWORD info_class, void* buffer, DWORD size) {
+  if (!posix::VolumeFiles::Owns(file)) return Fail(kErrorInvalidHandle);
+  return Forward([&](DWORD* e) { return Volumes().GetFileInformationByHandleEx(file, info_class, buffer, size, e); });
+}
+bool PosixEnv::GetFileInformationByHandle(HANDLE file, ByHandleFileInformation* info) {
+  if (!posix::VolumeFiles::Owns(file)) return Fail(kErrorInvalidHandle);
+  return Forward([&](DWORD* e) { return Volumes().GetFileInformationByHandle(file, info, e); });
+}
 bool PosixEnv::GetFileSizeEx(HANDLE handle, std::int64_t* size) {
+  if (posix::VolumeFiles::Owns(handle)) return Forward([&](DWORD* e) { return Volumes().GetFileSizeEx(handle, size, e); });
   OpenFile file;
   if (!Lookup(handle, &file)) return Fail(kErrorInvalidHandle);
   struct stat st{};
@@ -632,19 +667,32 @@ bool PosixEnv::GetFileSizeEx(HANDLE handle, std::int64_t* size) {
   if (size) *size = file.is_device && file.device.length >= 0 ? file.device.length : st.st_size;
   return true;
 }
-HANDLE PosixEnv::FindFirstFileNameW(const wchar_t*, DWORD, DWORD*, wchar_t*) {
-  t_last_error = kErrorCallNotImplemented;
-  return InvalidHandle();
+HANDLE PosixEnv::FindFirstFileNameW(const wchar_t* path, DWORD flags, DWORD* length, wchar_t* buffer) {
+  if (!posix::IsVolumePath(path)) {
+    t_last_error = kErrorPathNotFound;
+    return InvalidHandle();
+  }
+  return Forward([&](DWORD* e) { return Volumes().FindFirstFileName(path, flags, length, buffer, e); });
 }
-bool PosixEnv::FindNextFileNameW(HANDLE, DWORD*, wchar_t*) { return Fail(kErrorCallNotImplemented); }
-HANDLE PosixEnv::FindFirstFileW(const wchar_t*, FindData*) {
-  t_last_error = kErrorCallNotImplemented;
-  return InvalidHandle();
+bool PosixEnv::FindNextFileNameW(HANDLE find, DWORD* length, wchar_t* buffer) {
+  return Forward([&](DWORD* e) { return Volumes().FindNextFileName(find, length, buffer, e); });
 }
-bool PosixEnv::FindNextFileW(HANDLE, FindData*) { return Fail(kErrorCallNotImplemented); }
-bool PosixEnv::FindClose(HANDLE) { return Fail(kErrorInvalidHandle); }
+HANDLE PosixEnv::FindFirstFileW(const wchar_t* pattern, FindData* data) {
+  if (!posix::IsVolumePath(pattern)) {
+    t_last_error = kErrorPathNotFound;
+    return InvalidHandle();
+  }
+  return Forward([&](DWORD* e) { return Volumes().FindFirstFile(pattern, data, e); });
+}
+bool PosixEnv::FindNextFileW(HANDLE find, FindData* data) {
+  return Forward([&](DWORD* e) { return Volumes().FindNextFile(find, data, e); });
+}
+bool PosixEnv::FindClose(HANDLE find) {
+  return Forward([&](DWORD* e) { return Volumes().FindClose(find, e); });
+}
 
 DWORD PosixEnv::GetFileAttributesW(const wchar_t* path) {
+  if (posix::IsVolumePath(path)) return Forward([&](DWORD* e) { return Volumes().GetFileAttributes(path, e); });
   const std::string host = HostPath(path);
   struct stat st{};
   if (host.empty() || ::stat(host.c_str(), &st) != 0) {
@@ -655,22 +703,27 @@ DWORD PosixEnv::GetFileAttributesW(const wchar_t* path) {
 }
 
 DWORD PosixEnv::GetEnvironmentVariableW(const wchar_t* name, wchar_t* buffer, DWORD size) {
-  const char* value = name ? std::getenv(ToUtf8(name).c_str()) : nullptr;
-  if (value == nullptr) {
+  const auto value = name ? posix::WindowsVariable(name) : std::nullopt;
+  if (!value) {
     t_last_error = kErrorEnvVarNotFound;
     return 0;
   }
-  const std::wstring text = FromUtf8(value);
-  if (buffer == nullptr || text.size() + 1 > size) return static_cast<DWORD>(text.size() + 1);
-  return CopyOut(text, buffer, size);
+  if (buffer == nullptr || value->size() + 1 > size) return static_cast<DWORD>(value->size() + 1);
+  return CopyOut(*value, buffer, size);
 }
 
-UINT PosixEnv::GetWindowsDirectoryW(wchar_t*, UINT) {
-  t_last_error = kErrorCallNotImplemented;
-  return 0;
+UINT PosixEnv::GetWindowsDirectoryW(wchar_t* buffer, UINT size) {
+  const std::wstring folder = posix::WindowsVariable(L"windir").value_or(L"C:\\Windows");
+  if (buffer == nullptr || folder.size() + 1 > size) return static_cast<UINT>(folder.size() + 1);
+  return CopyOut(folder, buffer, size);
 }
 
-LONG PosixEnv::SHGetFolderPathW(int, DWORD, wchar_t*) { return kEFail; }
+LONG PosixEnv::SHGetFolderPathW(int csidl, DWORD, wchar_t* path) {
+  const auto public_folder = posix::WindowsVariable(L"PUBLIC");
+  if (csidl != kCsidlCommonDocuments || path == nullptr || !public_folder) return kEFail;
+  CopyOut(*public_folder + L"\\Documents", path, 260);
+  return kSOk;
+}
 
 DWORD PosixEnv::GetNetworkParams(void* fixed_info, DWORD* size) {
   if (size == nullptr) return kErrorInvalidParameter;
