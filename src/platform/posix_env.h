@@ -1,5 +1,5 @@
 // PosixEnv: the Win32 personality on Linux. Host paths appear as Z:\...; devices
-// (\\.\PhysicalDriveN, \\.\C:) are resolved by the disk layer (posix_disks.cpp).
+// (\\.\PhysicalDriveN, \\.\C:) are resolved by the disks (posix_disks.h).
 #pragma once
 
 #include <cstdint>
@@ -8,27 +8,9 @@
 #include <unordered_map>
 
 #include "platform/env.h"
+#include "platform/posix_disks.h"
 
 namespace platform {
-
-// Where a device path reads from: a window [base, base + length) of a host file.
-struct DeviceBinding {
-  std::string host_path;
-  std::int64_t base = 0;
-  std::int64_t length = -1;  // -1: up to the end of the host file
-  int disk = -1;             // index of \\.\PhysicalDriveN
-  int volume = -1;           // index of the lettered volume, for \\.\C:
-};
-
-namespace posix {
-// Implemented by the disk layer.
-bool ResolveDevice(const std::wstring& path, DeviceBinding* binding, DWORD* error);
-bool DeviceControl(const DeviceBinding& binding, DWORD code, void* out, DWORD out_size, DWORD* returned,
-                   DWORD* error);
-bool VolumeNameForMountPoint(const std::wstring& mount_point, std::wstring* volume_name, DWORD* error);
-// Forgets attached disks, pins and the volume scan (tests); the environment is read again.
-void ResetDisks();
-}  // namespace posix
 
 // Windows path to host path: "Z:\a\b" and "/a/b" name /a/b; a relative path keeps
 // its place, with "\" turned into "/". Other drive letters have no host path ("").

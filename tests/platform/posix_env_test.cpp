@@ -1,13 +1,18 @@
-// PosixEnv's Windows personality: INI profiles, module names and paths.
+// PosixEnv's Windows personality: INI profiles, module names, paths, and handles on
+// attached disks.
 #ifndef _WIN32
 
 #include "platform/posix_env.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 #include <tuple>
+#include <vector>
 
+#include "support/disk_image.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -144,5 +149,90 @@ TEST(PosixNetwork, DottedQuadThroughTheSystem) {
 }
 
 }  // namespace
+
+namespace platform {
+namespace {
+
+constexpr std::size_t kMiB = 1024 * 1024;
+using Bytes = std::vector<std::byte>;
+
+// 4 MiB of a pattern, with a 1 MiB NTFS volume at 1 MiB.
+Bytes PatternDisk() {
+  koru::test::DiskImage image(4 * kMiB / 512);
+  for (std::size_t i = 512; i < 4 * kMiB; ++i) image.Put(i, (i * 7 + i / 4096) & 0xFF, 1);
+  return image.Entry(0, 0, 0x07, 2048, 2048).Boot(2048);
+}
+
+class OpenedDisk : public ::testing::Test {
+ protected:
+  HANDLE Open(const wchar_t* path, DWORD access = kGenericRead) {
+    return env_.CreateFileW(path, access, kFileShareRead | kFileShareWrite, kOpenExisting, 0);
+  }
+  // Up to `count` bytes from the handle's position, or from `at` after a seek there.
+  Bytes Read(HANDLE h, DWORD count, std::int64_t at = -1) {
+    std::int64_t pos = at;
+    if (at >= 0) env_.SetFilePointerEx(h, at, &pos, kFileBegin);
+    EXPECT_EQ(pos, at);
+    Bytes out(count);
+    DWORD got = 0;
+    EXPECT_TRUE(env_.ReadFile(h, out.data(), count, &got));
+    out.resize(got);
+    return out;
+  }
+  Bytes Slice(std::size_t at, std::size_t count) const {
+    return {image_.begin() + static_cast<std::ptrdiff_t>(at), image_.begin() + static_cast<std::ptrdiff_t>(at + count)};
+  }
+  const Bytes image_ = PatternDisk();
+  koru::test::TempDisk disk_{image_};
+  PosixEnv env_;
+};
+
+TEST_F(OpenedDisk, ReadsPastTheEndOfTheDiskOrVolumeAreShort) {
+  HANDLE disk = Open(L"\\\\.\\PhysicalDrive0");
+  ASSERT_TRUE(IsValid(disk));
+  EXPECT_EQ(Read(disk, 512, image_.size() - 100), Slice(image_.size() - 100, 100));
+  EXPECT_TRUE(Read(disk, 512, image_.size() + 4096).empty());
+  std::int64_t end = 0;
+  ASSERT_TRUE(env_.SetFilePointerEx(disk, 0, &end, kFileEnd));
+  EXPECT_EQ(end, static_cast<std::int64_t>(image_.size()));
+  EXPECT_TRUE(env_.CloseHandle(disk));
+  HANDLE volume = Open(L"\\\\.\\c:");
+  ASSERT_TRUE(IsValid(volume));
+  EXPECT_EQ(Read(volume, 512, 0), Slice(kMiB, 512));
+  EXPECT_EQ(Read(volume, 512, kMiB - 10), Slice(2 * kMiB - 10, 10));
+  DWORD written = 0;
+  EXPECT_FALSE(env_.WriteFile(volume, image_.data(), 1, &written));
+  EXPECT_EQ(env_.GetLastError(), kErrorAccessDenied);
+  EXPECT_TRUE(env_.CloseHandle(volume));
+  EXPECT_FALSE(env_.CloseHandle(volume));
+  EXPECT_FALSE(IsValid(Open(L"\\\\.\\PhysicalDrive0", kGenericWrite)));
+  EXPECT_EQ(env_.GetLastError(), kErrorAccessDenied);
+}
+
+TEST_F(OpenedDisk, EachHandleReadsAtItsOwnPosition) {
+  HANDLE a = Open(L"\\\\.\\PhysicalDrive0"), b = Open(L"\\\\.\\PhysicalDrive0");
+  EXPECT_EQ(Read(a, 16, 4096), Slice(4096, 16));
+  EXPECT_EQ(Read(b, 16, 8192), Slice(8192, 16));
+  EXPECT_EQ(Read(a, 16), Slice(4096 + 16, 16));  // b's seek and read left a where it was
+  env_.CloseHandle(a);
+  env_.CloseHandle(b);
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      HANDLE h = Open(L"\\\\.\\PhysicalDrive0");
+      for (int i = 0; i < 200; ++i) {
+        const std::size_t at = static_cast<std::size_t>(t * 997 + i * 4099) % (image_.size() - 64);
+        if (Read(h, 64, static_cast<std::int64_t>(at)) != Slice(at, 64)) ++wrong;
+      }
+      env_.CloseHandle(h);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+}  // namespace
+}  // namespace platform
 
 #endif  // _WIN32
