@@ -181,6 +181,27 @@ std::vector<MappedVolume> Volumes(const DiskReader& disk, const std::vector<Part
   return volumes;
 }
 
+// A new first field for a GUID that is taken: FNV-1a of the old one and the disk.
+std::uint32_t Remix(std::uint32_t field, int disk) {
+  std::uint32_t hash = 2166136261u;
+  for (const std::uint32_t part : {field, static_cast<std::uint32_t>(disk)})
+    for (int i = 0; i < 4; ++i) hash = (hash ^ ((part >> (8 * i)) & 0xFF)) * 16777619u;
+  return hash;
+}
+
+void MakeGuidsUnique(std::vector<MappedVolume>& volumes) {
+  std::set<std::wstring> taken;
+  for (auto& v : volumes) {
+    if (taken.count(v.guid)) {
+      const std::wstring rest = v.guid.substr(9);
+      for (std::uint32_t field = Remix(static_cast<std::uint32_t>(std::wcstoul(v.guid.c_str() + 1, nullptr, 16)), v.disk);
+           taken.count(v.guid); ++field)
+        v.guid = L"{" + Hex(field, 8) + rest;
+    }
+    taken.insert(v.guid);
+  }
+}
+
 void Letter(std::vector<MappedVolume>& volumes, const std::vector<LetterPin>& pins) {
   std::set<wchar_t> taken;
   for (auto& v : volumes)
@@ -258,6 +279,7 @@ DiskMap::DiskMap(const std::vector<DiskSource>& disks, const std::vector<LetterP
       volumes_.push_back(std::move(v));
     }
   }
+  MakeGuidsUnique(volumes_);
   Letter(volumes_, pins);
 }
 

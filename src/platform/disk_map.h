@@ -72,7 +72,10 @@ class DiskMap {
  public:
   DiskMap() = default;
   // Scans the disks in order and letters their volumes: pinned ones first, the rest
-  // from C: in disk and table order. The sources are not kept.
+  // from C: in disk and table order. A volume whose GUID an earlier one already has
+  // (a disk and its clone) gets a new one, as Windows gives a clashing disk a new
+  // signature; the same disks in the same order always get the same names. The
+  // sources are not kept.
   DiskMap(const std::vector<DiskSource>& disks, const std::vector<LetterPin>& pins);
 
   const std::vector<MappedVolume>& volumes() const { return volumes_; }
