@@ -10,13 +10,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cctype>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <sstream>
+#include <string_view>
 
 #include "platform/disks.h"
 
@@ -63,62 +65,66 @@ std::int64_t SizeOf(int fd, bool block_device) {
   return ::fstat(fd, &st) == 0 ? st.st_size : 0;
 }
 
+// The whole of `text` as a number from `low` to `high`: no sign, blank or trailing junk.
+std::optional<DWORD> Number(std::string_view text, DWORD low, DWORD high) {
+  std::uint64_t value = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value < low || value > high)
+    return std::nullopt;
+  return static_cast<DWORD>(value);
+}
+
+// PATH[:SECTOR_SIZE]. The reason for a refusal leaves the argument to the caller.
 bool ParseDiskSpec(const std::string& arg, Disk* disk, std::string* error) {
   std::string path = arg;
   DWORD size = 0;
   const auto colon = arg.rfind(':');
   if (colon != std::string::npos && colon + 1 < arg.size() &&
-      std::all_of(arg.begin() + static_cast<std::ptrdiff_t>(colon) + 1, arg.end(),
-                  [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
+      arg.find_first_not_of("0123456789", colon + 1) == std::string::npos) {
     path = arg.substr(0, colon);
-    const unsigned long value = std::strtoul(arg.c_str() + colon + 1, nullptr, 10);
-    if (value < 512 || value > 65536 || (value & (value - 1)) != 0) {
+    const auto given = Number(std::string_view(arg).substr(colon + 1), 512, 65536);
+    if (!given || !IsSectorSize(*given)) {
       *error = "sector size must be a power of two from 512 to 65536";
       return false;
     }
-    size = static_cast<DWORD>(value);
+    size = *given;
   }
   struct stat st{};
   if (path.empty() || ::stat(path.c_str(), &st) != 0) {
-    *error = path + ": " + std::strerror(errno ? errno : ENOENT);
+    *error = std::strerror(path.empty() ? ENOENT : errno);
     return false;
   }
   if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) {
-    *error = path + ": not a disk image or block device";
+    *error = "not a disk image or block device";
     return false;
   }
   *disk = {path, size, S_ISBLK(st.st_mode)};
   return true;
 }
 
+// L=DISK:PARTITION
 bool ParsePin(const std::string& arg, LetterPin* pin, std::string* error) {
-  // L=DISK:PARTITION
-  if (arg.size() < 5 || arg[1] != '=' || !std::isalpha(static_cast<unsigned char>(arg[0]))) {
-    *error = "expected L=DISK:PARTITION";
-    return false;
-  }
   const auto colon = arg.find(':', 2);
-  if (colon == std::string::npos) {
+  const char letter = static_cast<char>(arg.empty() ? 0 : arg[0] & ~0x20);  // upper case
+  if (arg.size() < 5 || arg[1] != '=' || letter < 'A' || letter > 'Z' || colon == std::string::npos) {
     *error = "expected L=DISK:PARTITION";
     return false;
   }
-  char* end = nullptr;
-  const long disk = std::strtol(arg.c_str() + 2, &end, 10);
-  if (end != arg.c_str() + colon || disk < 0) {
-    *error = "bad disk number";
+  const auto disk = Number(std::string_view(arg).substr(2, colon - 2), 0, kMaxDiskNumber);
+  if (!disk) {
+    *error = "disk number must be 0 to " + std::to_string(kMaxDiskNumber);
     return false;
   }
-  const long partition = std::strtol(arg.c_str() + colon + 1, &end, 10);
-  if (*end != 0 || partition < 1) {
-    *error = "bad partition number (1-based)";
+  const auto partition = Number(std::string_view(arg).substr(colon + 1), 1, kMaxPartitionNumber);
+  if (!partition) {
+    *error = "partition number must be 1 to " + std::to_string(kMaxPartitionNumber);
     return false;
   }
-  const auto letter = static_cast<wchar_t>(std::toupper(static_cast<unsigned char>(arg[0])));
-  if (letter < L'C') {
+  if (letter < 'C') {
     *error = "letters start at C";
     return false;
   }
-  *pin = {letter, static_cast<int>(disk), static_cast<int>(partition)};
+  *pin = {static_cast<wchar_t>(letter), static_cast<int>(*disk), static_cast<int>(*partition)};
   return true;
 }
 

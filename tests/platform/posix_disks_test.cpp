@@ -50,18 +50,40 @@ class Disks {
   std::vector<std::string> paths_;
 };
 
-TEST(PosixDisks, AttachRefusesBadSpecs) {
+TEST(PosixDisks, RefusedArgumentsSayWhyWithoutRepeatingThemselves) {
   Disks disks;
-  std::string error;
-  EXPECT_FALSE(koru::tool::AttachDisk(std::string(KORU_TEST_TMP) + "/no-such-image", &error));
-  const std::string path = disks.Write(Image(512));
-  EXPECT_FALSE(koru::tool::AttachDisk(path + ":1000", &error));
-  EXPECT_FALSE(koru::tool::AttachDisk(path + ":256", &error));
-  EXPECT_FALSE(koru::tool::AttachDisk(KORU_TEST_TMP, &error));  // a directory
-  for (const char* pin : {"B=0:1", "C0:1", "C=x:1", "C=0:0", "C=0", "=0:1"}) {
-    SCOPED_TRACE(pin);
-    EXPECT_FALSE(koru::tool::PinVolume(pin, &error));
+  const std::string image = disks.Write(Image(512));
+  const std::string kSize = "sector size must be a power of two from 512 to 65536";
+  const struct {
+    std::string disk, reason;
+  } refused_disks[] = {{image + "-missing", "No such file or directory"}, {image + ":1000", kSize},
+                       {image + ":256", kSize}, {image + ":99999999999999999999", kSize},
+                       {KORU_TEST_TMP, "not a disk image or block device"}};
+  for (const auto& c : refused_disks) {
+    std::string error;
+    EXPECT_FALSE(koru::tool::AttachDisk(c.disk, &error)) << c.disk;
+    EXPECT_EQ(error, c.reason);
   }
+  const char* kLetter = "letters start at C";
+  const char* kShape = "expected L=DISK:PARTITION";
+  const char* kDisk = "disk number must be 0 to 999999";
+  const char* kPartition = "partition number must be 1 to 4096";
+  const struct {
+    const char *pin, *reason;
+  } refused_pins[] = {{"B=0:1", kLetter},        {"C0:1", kShape},         {"C=0", kShape},
+                      {"=0:1", kShape},          {"1=0:1", kShape},        {"C=x:1", kDisk},
+                      {"C=4294967296:1", kDisk}, {"C=1000000:1", kDisk},   {"C= 0:1", kDisk},
+                      {"C=+0:1", kDisk},         {"C=0x:1", kDisk},        {"C=0:0", kPartition},
+                      {"C=0:4294967297", kPartition},  // not partition 1
+                      {"C=0:4097", kPartition},  {"C=0:1 ", kPartition},   {"C=0:+1", kPartition}};
+  for (const auto& c : refused_pins) {
+    std::string error;
+    EXPECT_FALSE(koru::tool::PinVolume(c.pin, &error)) << c.pin;
+    EXPECT_EQ(error, c.reason);
+  }
+  std::string error;
+  EXPECT_TRUE(koru::tool::PinVolume("z=999999:4096", &error)) << error;
+  EXPECT_TRUE(koru::tool::AttachDisk(image + ":4096", &error)) << error;
 }
 
 TEST(PosixDisks, EnvironmentAttachesDisksAndPinsLetters) {
