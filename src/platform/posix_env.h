@@ -1,5 +1,8 @@
-// PosixEnv: the Win32 personality on Linux. Host paths appear as Z:\...; devices
-// (\\.\PhysicalDriveN, \\.\C:) are resolved by the disks (posix_disks.h).
+// PosixEnv: the Win32 personality on Linux, a mapping of errno, handles and paths.
+// Host paths appear as Z:\... (posix_paths); devices (\\.\PhysicalDriveN, \\.\C:,
+// volume names) are resolved by the disks (posix_disks); INI files and the version
+// resource have units of their own (posix_ini, posix_version), as have the answers
+// about the system itself (posix_system).
 #pragma once
 
 #include <cstdint>
@@ -11,14 +14,6 @@
 #include "platform/posix_disks.h"
 
 namespace platform {
-
-// Windows path to host path: "Z:\a\b" and "/a/b" name /a/b; a relative path keeps
-// its place, with "\" turned into "/". Other drive letters have no host path ("").
-std::string HostPath(const wchar_t* windows_path);
-// Host path to the Windows form that the core cuts at backslashes: /a/b -> Z:\a\b.
-std::wstring WindowsPath(const std::string& host_path);
-std::string ToUtf8(const std::wstring& text);
-std::wstring FromUtf8(const std::string& text);
 
 class PosixEnv : public Env {
  public:
@@ -76,8 +71,6 @@ class PosixEnv : public Env {
   LONG RegQueryValueExW(HKEY key, const wchar_t* value_name, DWORD* type, void* data, DWORD* size) override;
   LONG RegCloseKey(HKEY key) override;
   LONG RegUnLoadKeyW(HKEY root, const wchar_t* sub_key) override;
-  DWORD HostToNetworkLong(DWORD value) override;
-  bool InetNtoa(DWORD network_order, char* buffer, std::size_t size) override;
   bool OpenProcessToken(DWORD access, HANDLE* token) override;
   bool LookupPrivilegeValueW(const wchar_t* name, Luid* luid) override;
   bool AdjustTokenPrivileges(HANDLE token, const TokenPrivileges* new_state, DWORD previous_size,
@@ -92,6 +85,11 @@ class PosixEnv : public Env {
     DeviceBinding device;
   };
   bool Lookup(HANDLE handle, OpenFile* file);
+  // Sets the last error; false (0) for the caller to return.
+  bool Refuse(DWORD error) {
+    SetLastError(error);
+    return false;
+  }
   void Store(HANDLE handle, const OpenFile& file);
 
   std::mutex mutex_;
