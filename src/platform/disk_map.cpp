@@ -193,10 +193,11 @@ void MakeGuidsUnique(std::vector<MappedVolume>& volumes) {
   std::set<std::wstring> taken;
   for (auto& v : volumes) {
     if (taken.count(v.guid)) {
-      const std::wstring rest = v.guid.substr(9);
-      for (std::uint32_t field = Remix(static_cast<std::uint32_t>(std::wcstoul(v.guid.c_str() + 1, nullptr, 16)), v.disk);
-           taken.count(v.guid); ++field)
-        v.guid = L"{" + Hex(field, 8) + rest;
+      const auto first = static_cast<std::uint32_t>(std::wcstoul(v.guid.c_str() + 1, nullptr, 16));
+      const std::wstring rest = v.guid.substr(9);  // -XXXX-XXXX-XXXX-XXXXXXXXXXXX}
+      std::uint32_t field = Remix(first, v.disk);
+      while (taken.count(L"{" + Hex(field, 8) + rest)) ++field;  // ends: fewer names are taken than there are
+      v.guid = L"{" + Hex(field, 8) + rest;
     }
     taken.insert(v.guid);
   }
