@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/ntfs_layout.h"
+#include "base/utf8.h"
 #include "platform/disks.h"
 #include "platform/posix_volume_paths.h"
 
@@ -215,7 +216,7 @@ class VolumeFiles::Volume final : public RecordSource {
       FileRecord file;
       DWORD load_error = 0;
       if (!Load(m.record, &file, &load_error)) {
-        listing->entries.push_back({Utf16FromWide(FromUtf8(m.index_name)), m.record, 0, 0, kErrorFileCorrupt});
+        listing->entries.push_back({Utf16FromWide(koru::WideFromUtf8(m.index_name)), m.record, 0, 0, kErrorFileCorrupt});
         continue;
       }
       if (!file.IsFile() || file.seq != m.seq) continue;  // an entry left behind by a reused record
@@ -343,8 +344,8 @@ bool IsVolumePath(const wchar_t* path) {
 }
 
 std::optional<std::wstring> WindowsVariable(std::wstring_view name) {
-  if (const char* value = std::getenv(ToUtf8(std::wstring(name)).c_str()))
-    return *value != 0 ? std::optional<std::wstring>(FromUtf8(value)) : std::nullopt;
+  if (const char* value = std::getenv(koru::Utf8FromWide(name).c_str()))
+    return *value != 0 ? std::optional<std::wstring>(koru::WideFromUtf8(value)) : std::nullopt;
   static const std::pair<const wchar_t*, const wchar_t*> kDefaults[] = {
       {L"ProgramData", L"C:\\ProgramData"},
       {L"ProgramFiles", L"C:\\Program Files"},

@@ -18,7 +18,7 @@
 #include <unordered_map>
 
 #include "platform/env.h"
-#include "platform/posix_env.h"
+#include "platform/posix_disks.h"
 
 namespace platform::posix {
 

@@ -15,6 +15,7 @@
 #include <sstream>
 #include <thread>
 
+#include "base/utf8.h"
 #include "koru_mft/tool.h"
 #include "platform/posix_env.h"
 #include "platform/posix_volume_paths.h"
@@ -63,7 +64,7 @@ std::string Difference(const Links& ours, const Links& theirs) {
 
 std::string Slashed(std::wstring path) {  // \a\b -> a/b
   for (auto& c : path) c = c == L'\\' ? L'/' : c;
-  return ToUtf8(path.substr(1));
+  return koru::Utf8FromWide(path.substr(1));
 }
 
 class VolumeFiles : public ::testing::Test {
@@ -83,7 +84,7 @@ class VolumeFiles : public ::testing::Test {
   std::uint64_t Id(const std::wstring& path, DWORD* links = nullptr) {
     ByHandleFileInformation info;
     const HANDLE h = Open(path);
-    EXPECT_TRUE(IsValid(h) && env_.GetFileInformationByHandle(h, &info)) << ToUtf8(path) << " " << env_.GetLastError();
+    EXPECT_TRUE(IsValid(h) && env_.GetFileInformationByHandle(h, &info)) << koru::Utf8FromWide(path) << " " << env_.GetLastError();
     env_.CloseHandle(h);
     if (links != nullptr) *links = info.nNumberOfLinks;
     return std::uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow;
@@ -165,12 +166,12 @@ TEST_F(VolumeFiles, NamesLinksAndPathsAgreeWithTheSleuthKit) {
       std::multiset<std::string> expected, listed;
       for (auto [it, end] = fls.equal_range(at->first); it != end; ++it) expected.insert(it->second);
       std::vector<std::wstring> names;
-      ASSERT_EQ(LinkNames(L"\\" + FromUtf8(at->second), &names), 0u) << at->second;
+      ASSERT_EQ(LinkNames(L"\\" + koru::WideFromUtf8(at->second), &names), 0u) << at->second;
       for (const auto& n : names) listed.insert(Slashed(n));
       EXPECT_EQ(listed, expected) << at->second;
       DWORD links = 0;
       std::wstring by_id;
-      ASSERT_EQ(NameById(Id(L"\\" + FromUtf8(at->second), &links), &by_id), 0u) << at->second;
+      ASSERT_EQ(NameById(Id(L"\\" + koru::WideFromUtf8(at->second), &links), &by_id), 0u) << at->second;
       EXPECT_EQ(links, expected.size()) << at->second;
       EXPECT_EQ(expected.count(Slashed(by_id)), 1u) << at->second;
     }
@@ -195,7 +196,7 @@ TEST_F(VolumeFiles, AnswersAsWindowsDoes) {
       {L"\\\\?\\C:\\Users\\alice\\AppData\\Local\\secret.txt", kFileAttributeEncrypted | 0x20},
       {L"C:\\Windows\\absent.dll", kInvalidFileAttributes},
   };
-  for (const auto& [path, expected] : attributes) EXPECT_EQ(env_.GetFileAttributesW(path), expected) << ToUtf8(path);
+  for (const auto& [path, expected] : attributes) EXPECT_EQ(env_.GetFileAttributesW(path), expected) << koru::Utf8FromWide(path);
 
   const std::tuple<const wchar_t*, DWORD, DWORD, DWORD> refused[] = {
       {L"\\Windows\\absent.dll", kGenericRead, 0, kErrorFileNotFound},
@@ -207,8 +208,8 @@ TEST_F(VolumeFiles, AnswersAsWindowsDoes) {
       {L"\\Users\\alice\\AppData\\Local\\secret.txt", kGenericRead, kFileFlagBackupSemantics, kErrorAccessDenied},
   };
   for (const auto& [path, access, flags, error] : refused) {
-    EXPECT_FALSE(IsValid(Open(path, access, flags))) << ToUtf8(path);
-    EXPECT_EQ(env_.GetLastError(), error) << ToUtf8(path);
+    EXPECT_FALSE(IsValid(Open(path, access, flags))) << koru::Utf8FromWide(path);
+    EXPECT_EQ(env_.GetLastError(), error) << koru::Utf8FromWide(path);
   }
   EXPECT_FALSE(env_.PathFileExistsW(L"\\\\?\\Y:\\Windows"));
   EXPECT_EQ(env_.GetLastError(), kErrorPathNotFound);
@@ -228,7 +229,7 @@ TEST_F(VolumeFiles, AnswersAsWindowsDoes) {
   for (const auto& [pattern, error] : {std::tuple(L"C:\\Absent\\*", kErrorPathNotFound),
                                        std::tuple(L"C:\\Windows\\*.none", kErrorFileNotFound)}) {
     EXPECT_FALSE(IsValid(env_.FindFirstFileW(pattern, &data)));
-    EXPECT_EQ(env_.GetLastError(), error) << ToUtf8(pattern);
+    EXPECT_EQ(env_.GetLastError(), error) << koru::Utf8FromWide(pattern);
   }
 }
 
