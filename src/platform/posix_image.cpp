@@ -61,9 +61,16 @@ std::optional<std::vector<std::byte>> ReadPart(const std::string& path, std::uin
   return out;
 }
 
+// A library's error backtrace on one line.
+std::string OneLine(std::string text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  for (std::size_t at = 0; (at = text.find('\n', at)) != std::string::npos;) text.replace(at, 1, "; ");
+  return text;
+}
+
 std::string TskError() {
   const char* text = tsk_error_get();
-  std::string out = text != nullptr ? text : "unknown error";
+  std::string out = OneLine(text != nullptr ? text : "unknown error");
   tsk_error_reset();
   return out;
 }
@@ -177,10 +184,11 @@ bool FindParts(const std::string& path, ImageKind* kind, std::string* error) {
 // --- VHD and VHDX through libvhdi ------------------------------------------------
 
 std::string VhdiError(libvhdi_error_t** error) {
-  char text[512] = {};
-  if (*error == nullptr || libvhdi_error_sprint(*error, text, sizeof text) < 0) std::strcpy(text, "unknown error");
+  char text[2048] = {};
+  if (*error == nullptr || libvhdi_error_backtrace_sprint(*error, text, sizeof text) < 0)
+    std::strcpy(text, "unknown error");
   libvhdi_error_free(error);
-  return text;
+  return OneLine(text);
 }
 
 // What The Sleuth Kit does not pass on from libvhdi: whether the disk is a
@@ -321,11 +329,14 @@ std::shared_ptr<ContainerImage> ContainerImage::Open(const ImageKind& kind, std:
   // Told no sector size, The Sleuth Kit takes an E01's bytes per sector.
   if (kind.format == ImageFormat::kE01 && IsSectorSize(image->img_->sector_size))
     image->sector_size_ = image->img_->sector_size;
+  if (image->size_ <= 0) {
+    *error = std::string("the ") + FormatName(kind.format) + " image holds no disk data that can be read";
+    return nullptr;
+  }
   std::array<std::byte, kFirstRead> first{};
   const auto count = static_cast<std::size_t>(std::min<std::int64_t>(image->size_, kFirstRead));
-  if (image->size_ <= 0 || image->Read(0, std::span(first).first(count)) != static_cast<std::int64_t>(count)) {
-    *error = std::string("the first sectors of the ") + FormatName(kind.format) + " image cannot be read (" +
-             (image->size_ <= 0 ? std::string("it holds no data") : TskError()) + ")";
+  if (image->Read(0, std::span(first).first(count)) != static_cast<std::int64_t>(count)) {
+    *error = std::string("the first sectors of the ") + FormatName(kind.format) + " image cannot be read: " + TskError();
     return nullptr;
   }
   return image;
