@@ -34,4 +34,17 @@ KORU_MFT_API std::wstring TraceLogPath();
 // The calling thread's most recent error or warning trace entry.
 KORU_MFT_API std::wstring LastTraceProblem();
 
+// --- Record numbers to sectors (vmft record --record N) --------------------------
+// What it takes to find MFT record N on the disk: the disk's sector size, the
+// volume's file-record size and where record 0 lies. Which sectors the MFT holds is
+// VMFT::GetMFTSectorRanges.
+struct MftGeometry {
+  std::uint32_t bytes_per_sector = 0;
+  std::uint32_t bytes_per_record = 0;  // 0: the boot sector gives no usable size
+  std::uint64_t mft_sector = 0;        // absolute sector of record 0
+};
+// From the volume's first extent whose boot sector gives a cluster size, read as
+// every service reads it. False when there is none (the reason is traced).
+KORU_MFT_API bool GetMftGeometry(wchar_t letter, MftGeometry* geometry);
+
 }  // namespace koru::tool
