@@ -100,6 +100,7 @@ bool Attribute::Dump(std::wostream& os, Bytes header) {
   // The run bytes run to the full 32-bit length, but never past the record.
   const std::int64_t DataRunLength = std::int64_t{length} - static_cast<std::int64_t>(run_offset);
   fn.Value(L"DataRunLength", DataRunLength, varnel::kTraceVerbose);
+  if (DataRunLength < 0) fn.Message(L"run list offset lies past the attribute's length", varnel::kTraceWarning);
   const std::size_t wanted = DataRunLength > 0 ? static_cast<std::size_t>(DataRunLength) : 0;
   const Bytes pRaw = Sub(header, run_offset, wanted);
   if (pRaw.size() < wanted) dump::TraceCut(fn, L"run list", wanted, pRaw.size());
