@@ -64,7 +64,6 @@ bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSec
   const std::uint64_t record_bytes = record >= 0 ? std::uint64_t(record) * m_dwSectorsPerCluster * m_dwBytesPerSector
                                                  : (-record < 32 ? std::uint64_t{1} << -record : 0);
   m_dwBytesPerFileRecord = record_bytes <= 0xFFFFFFFFu ? static_cast<DWORD>(record_bytes) : 0;
-  fn.Value(L"m_dwBytesPerFileRecord", m_dwBytesPerFileRecord, varnel::kTraceVerbose);
 
   uiMftSector = std::uint64_t{m_dwSectorsPerCluster} * le64Or0(view, boot::kMftCluster) + volume.uiStartSector;
   fn.Value(L"uiMftSector", uiMftSector);
