@@ -55,17 +55,18 @@ std::optional<std::uint64_t> RecordSector(wchar_t letter, std::uint64_t number) 
     return std::nullopt;
   }
   const std::uint64_t offset = number * record_size;
-  if (offset % sector_size != 0) {
-    Fail(L"MFT record " + std::to_wstring(number) + L" does not begin on a sector boundary: " +
-         std::to_wstring(record_size) + L"-byte records on " + std::to_wstring(sector_size) +
-         L"-byte sectors put it " + std::to_wstring(offset % sector_size) + L" bytes into sector " +
-         std::to_wstring(offset / sector_size) + L" of the MFT, and a record dump starts at a sector");
-    return std::nullopt;
-  }
   std::uint64_t index = offset / sector_size;
   for (const auto& [first, end] : ranges) {
-    if (index < end - first) return first + index;
-    index -= end - first;
+    if (index >= end - first) {
+      index -= end - first;
+      continue;
+    }
+    if (offset % sector_size == 0) return first + index;
+    Fail(L"MFT record " + std::to_wstring(number) + L" does not begin on a sector boundary (" +
+         std::to_wstring(record_size) + L"-byte records on " + std::to_wstring(sector_size) +
+         L"-byte sectors: it starts " + std::to_wstring(offset % sector_size) + L" bytes into sector " +
+         std::to_wstring(first + index) + L"), and a record dump starts at the beginning of a sector");
+    return std::nullopt;
   }
   return std::nullopt;  // not reached: the index was checked against the total
 }
