@@ -1,5 +1,8 @@
 #include "koru_mft/tool.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include "api/extent_chain.h"
 #include "platform/disks.h"
 #include "support/trace.h"
@@ -51,6 +54,14 @@ bool GetMftGeometry(wchar_t letter, MftGeometry* geometry) {
   }
   fn.End(L"no extent with a cluster size", varnel::kTraceError);
   return false;
+}
+
+// --- Record dumps of a copied $MFT ------------------------------------------------
+void DumpRecordBytes(std::wostream& os, const void* record, std::size_t size, std::uint64_t sector,
+                     std::uint32_t sectors_per_cluster) {
+  layout::RecordBuffer buffer{};
+  std::memcpy(buffer.data(), record, std::min(size, buffer.size()));
+  WriteRecordDump(os, Bytes(buffer), sector, sectors_per_cluster);
 }
 
 }  // namespace koru::tool

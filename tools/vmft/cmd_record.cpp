@@ -1,9 +1,15 @@
 #include <algorithm>
 #include <cctype>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 #include <optional>
+#include <span>
 #include <sstream>
+#include <vector>
 
+#include "base/bytes.h"
+#include "base/ntfs_layout.h"
 #include "command.h"
 #include "koru_mft/tool.h"
 #include "koru_mft/vmft.h"
@@ -71,6 +77,29 @@ std::optional<std::uint64_t> RecordSector(wchar_t letter, std::uint64_t number) 
   return std::nullopt;  // not reached: the index was checked against the total
 }
 
+// Record `number` of a copied $MFT file: records follow each other at the size the
+// file's first record gives as its own allocated size.
+int DumpFromFile(const std::string& path, std::uint64_t number, std::uint32_t cluster_size) {
+  std::ifstream in(std::filesystem::path(std::u8string(path.begin(), path.end())), std::ios::binary);
+  if (!in) return Fail(L"cannot open " + vmft::Widen(path));
+  std::vector<char> record(koru::layout::kRecordSize);
+  in.read(record.data(), static_cast<std::streamsize>(record.size()));
+  const std::uint32_t allocated = koru::le32Or0(std::as_bytes(std::span(record)), koru::layout::kRecBytesAllocated);
+  const std::uint64_t record_size = allocated >= 1024 && allocated <= 65536 && (allocated & (allocated - 1)) == 0
+                                        ? allocated
+                                        : koru::layout::kRecordSize;
+  if (number > std::numeric_limits<std::uint64_t>::max() / record_size) return Fail(L"no such record");
+  in.clear();
+  in.seekg(static_cast<std::streamoff>(number * record_size));
+  in.read(record.data(), static_cast<std::streamsize>(record.size()));
+  if (in.gcount() != static_cast<std::streamsize>(record.size()))
+    return Fail(L"" + vmft::Widen(path) + L" ends before MFT record " + std::to_wstring(number));
+  std::wostringstream out;
+  koru::tool::DumpRecordBytes(out, record.data(), record.size(), number * record_size / 512, cluster_size / 512);
+  vmft::Out(out.str());
+  return 0;
+}
+
 vmft::Registrar record(40, [](CLI::App& app, vmft::Global&) -> vmft::Command {
   auto* sub = app.add_subcommand(
       "record", "Dump one MFT record as text: the record at an absolute disk SECTOR (0 or none: the MFT's first "
@@ -78,15 +107,27 @@ vmft::Registrar record(40, [](CLI::App& app, vmft::Global&) -> vmft::Command {
   auto letter = std::make_shared<std::string>();
   auto sector = std::make_shared<std::uint64_t>(0);
   auto number = std::make_shared<std::uint64_t>(0);
-  sub->add_option("letter", *letter, "Drive letter of the volume (C, C: ...)")->required();
+  auto file = std::make_shared<std::string>();
+  auto cluster_size = std::make_shared<std::uint32_t>(4096);
+  auto* letter_option = sub->add_option("letter", *letter, "Drive letter of the volume (C, C: ...)");
   auto* sector_option = sub->add_option("sector", *sector, "Absolute sector on the volume's disk where the record begins");
   sub->add_option("--record", *number, "MFT record number, found through the MFT's data runs")
       ->type_name("N")
       ->excludes(sector_option);
-  return {sub, [sub, letter, sector, number] {
+  sub->add_option("--mft-file", *file, "Dump record N of a copied $MFT file instead of a volume's")
+      ->type_name("PATH")
+      ->excludes(letter_option)
+      ->excludes(sector_option);
+  sub->add_option("--cluster-size", *cluster_size,
+                  "With --mft-file: the volume's cluster size in bytes, for the sectors of the data runs")
+      ->check(CLI::Range(512u, 1u << 31))
+      ->capture_default_str();
+  return {sub, [sub, letter, sector, number, file, cluster_size] {
+    if (!file->empty()) return DumpFromFile(*file, *number, *cluster_size);
     const auto wcDL = Letter(*letter);
     if (!wcDL) {
-      vmft::Err(L"vmft: not a drive letter: " + vmft::Widen(*letter) + L"\n");
+      vmft::Err(letter->empty() ? std::wstring(L"vmft: record needs a drive letter or --mft-file\n")
+                                : L"vmft: not a drive letter: " + vmft::Widen(*letter) + L"\n");
       return 2;
     }
     std::uint64_t target = *sector;
