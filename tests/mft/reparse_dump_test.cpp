@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "base/ntfs_layout.h"
+#include "base/utf8.h"
 #include "mft/record_fixture.h"
 #include "support/trace_capture.h"
 
@@ -81,6 +82,12 @@ TEST(ReparseDump, TagsFlagsAndTheNamesOfLinks) {
   }
   EXPECT_NE(Body(layout::kReparsePoint, app_other.bytes).find(L"Application Type                    : 1\n"),
             std::wstring::npos);
+
+  // Names are copied unit by unit; a surrogate pair still comes out as one character.
+  Value emoji = Buffer(0xA000000C, 16);
+  Names(emoji, 0, 4, 4, 0).text(20, u"\U0001F600");
+  EXPECT_NE(Utf8FromWide(Body(layout::kReparsePoint, emoji.bytes)).find("Substitute Name                     : [\xF0\x9F\x98\x80]\n"),
+            std::string::npos);
 
   test::TraceCapture trace;
   Body(layout::kReparsePoint, symlink.bytes);
