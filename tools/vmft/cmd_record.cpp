@@ -52,8 +52,11 @@ std::optional<std::uint64_t> RecordSector(wchar_t letter, std::uint64_t number) 
     Fail(Reason(L"the MFT's data runs could not be read"));
     return std::nullopt;
   }
+  // A range that runs backwards (cluster numbers wrapped on a broken volume) holds nothing.
+  for (auto& [first, end] : ranges) end = std::max(first, end);
+  constexpr std::uint64_t kMost = std::uint64_t{1} << 62;
   std::uint64_t sectors = 0;
-  for (const auto& [first, end] : ranges) sectors += end - first;
+  for (const auto& [first, end] : ranges) sectors = end - first >= kMost - sectors ? kMost : sectors + (end - first);
   if (number > std::numeric_limits<std::uint64_t>::max() / record_size ||
       number * record_size / sector_size >= sectors) {
     Fail(L"MFT record " + std::to_wstring(number) + L" lies past the end of the MFT's data runs (" +
