@@ -2,7 +2,9 @@
 // listing the volumes found, and trace control. Exported for the command only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -36,5 +38,26 @@ KORU_MFT_API void SetTraceLevel(unsigned level);
 KORU_MFT_API std::wstring TraceLogPath();
 // The calling thread's most recent error or warning trace entry.
 KORU_MFT_API std::wstring LastTraceProblem();
+
+// --- Record numbers to sectors (vmft record --record N) --------------------------
+// What it takes to find MFT record N on the disk: the disk's sector size, the
+// volume's file-record size and where record 0 lies. Which sectors the MFT holds is
+// VMFT::GetMFTSectorRanges.
+struct MftGeometry {
+  std::uint32_t bytes_per_sector = 0;
+  std::uint32_t bytes_per_record = 0;  // 0: the boot sector gives no usable size
+  std::uint64_t mft_sector = 0;        // absolute sector of record 0
+};
+// From the volume's first extent whose boot sector gives a cluster size, read as
+// every service reads it. False when there is none (the reason is traced).
+KORU_MFT_API bool GetMftGeometry(wchar_t letter, MftGeometry* geometry);
+
+// --- Record dumps of a copied $MFT (vmft record --mft-file) ------------------------
+// Writes the record dump of one file record the caller read itself (up to 1024
+// bytes; missing ones read as 0), as VMFT::ReadMFTRecord writes it for a record read
+// from a disk: `sector` is its place in 512-byte sectors, `sectors_per_cluster` the
+// volume's, for the sectors of its data runs.
+KORU_MFT_API void DumpRecordBytes(std::wostream& os, const void* record, std::size_t size, std::uint64_t sector,
+                                  std::uint32_t sectors_per_cluster);
 
 }  // namespace koru::tool

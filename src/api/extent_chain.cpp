@@ -23,6 +23,7 @@ ExtentStep LocateExtent(varnel::FnTrace& fn, const DISK_EXTENT& extent, ExtentPl
       static_cast<std::uint64_t>(extent.StartingOffset / static_cast<std::int64_t>(place.bytes_per_sector));
   if (!boot.GetMftSector(VolumeStart{extent.DiskNumber, place.start_sector}, place.mft_sector))
     return ExtentStep::kBootSectorFailed;
+  place.bytes_per_record = boot.m_dwBytesPerFileRecord;
   if (!boot.GetSectorsPerCluster(place.sectors_per_cluster)) return ExtentStep::kNoClusterSize;
   return ExtentStep::kOk;
 }
