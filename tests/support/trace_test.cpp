@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <regex>
 #include <sstream>
@@ -152,6 +153,11 @@ TEST_F(TraceFile, APreviousLogIsKeptAsOldAndANewOneStarted) {
   EXPECT_EQ(dir_.Read("Logfiles/VMFT_trace.old"), "previous run\n");
   trace().Trace(1, L"f", L"new");
   EXPECT_EQ(bodies(), "[E]: f : new\n");
+  // The first library object starts the log afresh, later ones keep what is there.
+  trace().StartFresh();
+  trace().Trace(1, L"f", L"first object");
+  trace().StartFresh();
+  EXPECT_EQ(bodies(), "[E]: f : first object\n");
 
   // Restart does the same in the given directory and sets the level; an empty one does nothing.
   dir_.Write("again/VMFT_trace.log", "stale\n");
@@ -311,34 +317,51 @@ TEST(TraceOwnDir, GrowsTheBufferBy260AndFallsBackWhenTheQueryFails) {
   EXPECT_STREQ(own.c_str(), L"X:\\Program Files\\Varnel\\KORU");
 }
 
-TEST(TraceThreads, SixteenWritersNeverInterleave) {
+// Sixteen writers while another thread moves the log between two directories and
+// changes the level (always keeping Information on): every entry lands whole, once,
+// in one of the two logs, each thread's in its order. Run under ThreadSanitizer too.
+TEST(TraceThreads, SixteenWritersNeverInterleaveWhileTheLogMoves) {
   TempDir dir;
   FakeSystemEnv env;
   env.exe_path = dir.win("vmft");
   CTrace trace(L"VMFT_trace.log", L"VMFT_TraceLevel", env);
+  std::filesystem::create_directories(dir / "moved");
   constexpr int kThreads = 16, kEntries = 150;
+  std::atomic<int> running{kThreads};
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&trace, t] {
+    threads.emplace_back([&trace, &running, t] {
       const std::wstring padding(40 + t * 17, static_cast<wchar_t>(L'a' + t));
       for (int i = 0; i < kEntries; ++i)
         trace.Trace(4, L"Worker::Run", (L"t=" + std::to_wstring(t) + L" i=" + std::to_wstring(i) + L" " + padding).c_str());
+      --running;
     });
+  }
+  const varnel::string dirs[] = {varnel::string(dir.win("moved").c_str()), varnel::string(dir.win("Logfiles").c_str())};
+  for (int n = 0; running > 0; ++n) {
+    trace.SetLogDir(dirs[n % 2]);
+    trace.SetLevel(3 + n % 2);
+    std::this_thread::yield();
   }
   for (auto& thread : threads) thread.join();
 
   const std::regex line(
       R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}\]:[0-9a-f]{4,}:\[I\]: Worker::Run : t=(\d+) i=(\d+) ([a-z]+))");
-  std::istringstream in(dir.Read(kLog));
-  std::vector<int> next(kThreads, 0);
+  std::vector<std::vector<bool>> seen(kThreads, std::vector<bool>(kEntries, false));
   int count = 0;
-  for (std::string text; std::getline(in, text); ++count) {
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(text, m, line)) << text;
-    const int t = std::stoi(m[1]);
-    ASSERT_LT(t, kThreads);
-    EXPECT_EQ(std::stoi(m[2]), next[t]++);  // each thread's entries in its order
-    EXPECT_EQ(m[3].str(), std::string(40 + t * 17, static_cast<char>('a' + t)));
+  for (const char* log : {kLog, "moved/VMFT_trace.log"}) {
+    std::istringstream in(dir.Read(log));
+    std::vector<int> last(kThreads, -1);
+    for (std::string text; std::getline(in, text); ++count) {
+      std::smatch m;
+      ASSERT_TRUE(std::regex_match(text, m, line)) << text;
+      const int t = std::stoi(m[1]), i = std::stoi(m[2]);
+      ASSERT_TRUE(t < kThreads && i < kEntries && !seen[t][i]) << text;
+      seen[t][i] = true;
+      EXPECT_GT(i, last[t]);  // each thread's entries in its order
+      last[t] = i;
+      EXPECT_EQ(m[3].str(), std::string(40 + t * 17, static_cast<char>('a' + t)));
+    }
   }
   EXPECT_EQ(count, kThreads * kEntries);
 }
