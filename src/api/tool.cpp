@@ -73,6 +73,8 @@ bool CheckMftRanges(wchar_t letter, const std::vector<std::pair<std::uint64_t, s
   if (!GetVolumeNameFromDL(letter, name)) return fail(L"there is no volume " + volume);
   if (!GetVolumeDiskExtentList(name, extents)) return fail(L"the disk extents of volume " + volume + L" cannot be read");
   if (extents.empty()) return fail(L"volume " + volume + L" lies on no disk");
+  // Asked before the boot sector is read again, which would announce BitLocker twice.
+  if (IsBitLocker(letter)) return fail(volume + L" is a BitLocker volume: its MFT cannot be read below the encryption");
 
   std::vector<Span> spans;
   for (const DISK_EXTENT& extent : extents) {
@@ -83,7 +85,6 @@ bool CheckMftRanges(wchar_t letter, const std::vector<std::pair<std::uint64_t, s
       case ExtentStep::kGeometryFailed:
         return fail(L"the geometry of " + disk + L", which holds volume " + volume + L", cannot be read");
       case ExtentStep::kBootSectorFailed:
-        if (IsBitLocker(letter)) return fail(volume + L" is a BitLocker volume: its MFT cannot be read below the encryption");
         return fail(L"the boot sector of " + volume + L" (" + disk + L", sector " + std::to_wstring(place.start_sector) +
                     L") cannot be read");
       case ExtentStep::kNoClusterSize:

@@ -72,5 +72,12 @@ refused "$(patched mft-past-end 'put(boot + 0x30, struct.pack("<Q", 1 << 40))')"
 cut=$(patched cut-in-mft 'disk.truncate(rec + 512)')
 refused "$cut" C "lies past the end of the disk"
 
+# BitLocker: the library announces it on stdout, as a hard-link scan expects.
+bitlocker=$KORU_SHARED_DIR/images/bitlocker/bitlk-aes-xts-128.first64k
+if [[ -r $bitlocker ]]; then
+  rc=0
+  "$VMFT" --disk "$bitlocker" ranges C >/dev/null 2>"$work/stderr" || rc=$?
+  [[ $rc == 1 && $(<"$work/stderr") == *"C: is a BitLocker volume"* ]] || fail "BitLocker: exit $rc, $(<"$work/stderr")"
+fi
 refused "$base" D "there is no volume D:"
 refused "$base" É "not a drive letter: É" 2
