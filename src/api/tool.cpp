@@ -115,7 +115,8 @@ bool CheckMftRanges(wchar_t letter, const std::vector<std::pair<std::uint64_t, s
   }
 
   if (ranges.empty()) return fail(L"no MFT sector ranges were found for volume " + volume);
-  for (const auto& [first, end] : ranges) {
+  for (const auto& range : ranges) {
+    const std::uint64_t first = range.first, end = range.second;
     if (first >= end) return fail(L"the MFT range " + RangeText(first, end) + L" of " + volume + L" is empty or reversed");
     const bool inside = std::any_of(spans.begin(), spans.end(),
                                     [&](const Span& s) { return first >= s.first && end <= s.end; });
