@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "koru_mft/export.h"
@@ -31,6 +32,19 @@ KORU_MFT_API std::vector<VolumeInfo> ListVolumes();
 // Why names, links and directories of files cannot be read on the volume with this
 // letter (on Linux: a volume The Sleuth Kit refuses); empty when they can.
 KORU_MFT_API std::string FileLevelProblem(wchar_t letter);
+
+// Checks a range list that VMFT::GetMFTSectorRanges gave for the volume behind
+// `letter` against the volume itself, read again through the library: MFT record 0
+// reads, is signed "FILE" and maps the whole MFT (no attribute walk or run list cut
+// short, no resident $DATA); there is at least one range; every range has first <
+// end and lies inside the volume's extent on its disk. The library's own answer
+// stays as documented (pairs left volume-relative when a $DATA fails, nothing from
+// an extent without a cluster size, wrapped run offsets as they decode), so a caller
+// that hands the sectors to a backup checks them here first. A failed query can be
+// checked too: the reason then names the step that fails. False with a sentence
+// that names the volume in `why`.
+KORU_MFT_API bool CheckMftRanges(wchar_t letter, const std::vector<std::pair<std::uint64_t, std::uint64_t>>& ranges,
+                                 std::wstring* why);
 
 // Trace level number 0..4 for this process, as trace.ini would set it.
 KORU_MFT_API void SetTraceLevel(unsigned level);

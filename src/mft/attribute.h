@@ -40,8 +40,11 @@ class Attribute {
   // end marker, an unknown type or an empty header.
   static std::unique_ptr<Attribute> Factory(Bytes header, platform::DWORD sectors_per_cluster);
 
+  // How a run list ended: on its 0 header byte, with its bytes used up at the end of
+  // a run, or cut short inside a run's fields (the decoder's bounds stop).
+  enum class RunListEnd { kTerminated, kUsedUp, kCut };
   // Decodes a run list, appending volume-relative sector ranges; consumes `runs`.
-  void ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ranges);
+  RunListEnd ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ranges);
 
   // The hexadecimal listing of a resident attribute's value, 16 bytes a line.
   static void PrintResidentData(std::wostream& os, Bytes header);
@@ -111,7 +114,8 @@ class DATA_Attribute : public Attribute {
   using Attribute::Attribute;
   bool Dump(std::wostream& os, Bytes header) override;
   bool IsData() override { return true; }
-  // Appends the volume-relative sector ranges of this non-resident $DATA attribute.
+  // Appends the volume-relative sector ranges of this non-resident $DATA attribute;
+  // false also when its run list was cut short by the attribute's bounds.
   bool GetSectorRange(Bytes header, SectorRanges& ranges);
 };
 
