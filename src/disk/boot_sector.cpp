@@ -59,6 +59,12 @@ bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSec
   }
   fn.Value(L"m_dwSectorsPerCluster", m_dwSectorsPerCluster);
 
+  // Clusters per record, or for a negative byte a record of 2^-n bytes.
+  const auto record = static_cast<std::int8_t>(le8Or0(view, boot::kClustersPerFileRecord));
+  const std::uint64_t record_bytes = record >= 0 ? std::uint64_t(record) * m_dwSectorsPerCluster * m_dwBytesPerSector
+                                                 : (-record < 32 ? std::uint64_t{1} << -record : 0);
+  m_dwBytesPerFileRecord = record_bytes <= 0xFFFFFFFFu ? static_cast<DWORD>(record_bytes) : 0;
+
   uiMftSector = std::uint64_t{m_dwSectorsPerCluster} * le64Or0(view, boot::kMftCluster) + volume.uiStartSector;
   fn.Value(L"uiMftSector", uiMftSector);
   fn.Ended();  // before the handle is closed, as every other exit

@@ -42,4 +42,8 @@ class MFT {
   bool OpenDisk(platform::DWORD* error);
 };
 
+// The text MFT::Read writes for a record read from `sector`: its header, then each
+// attribute's dump. Reads nothing outside `record`.
+void WriteRecordDump(std::wostream& os, Bytes record, std::uint64_t sector, platform::DWORD sectors_per_cluster);
+
 }  // namespace koru

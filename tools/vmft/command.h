@@ -35,6 +35,7 @@ std::vector<Entry>& Registry();
 // Writes a wide text to stdout / stderr as UTF-8.
 void Out(const std::wstring& text);
 void Err(const std::wstring& text);
+// UTF-8 text (an argument, a reason) as wide text.
 std::wstring Widen(const std::string& text);
 
 }  // namespace vmft
