@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <libvhdi.h>
+#include <libvmdk.h>
 #include <sys/stat.h>
 #include <tsk/libtsk.h>
 #include <unistd.h>
@@ -181,53 +182,87 @@ bool FindParts(const std::string& path, ImageKind* kind, std::string* error) {
   return true;
 }
 
-// --- VHD and VHDX through libvhdi ------------------------------------------------
+// --- what The Sleuth Kit does not pass on: libvhdi and libvmdk -----------------
 
-std::string VhdiError(libvhdi_error_t** error) {
-  char text[2048] = {};
-  if (*error == nullptr || libvhdi_error_backtrace_sprint(*error, text, sizeof text) < 0)
-    std::strcpy(text, "unknown error");
-  libvhdi_error_free(error);
-  return OneLine(text);
+// Why a differencing disk is refused: The Sleuth Kit opens no parent, and reads
+// none of the blocks the child left to it. Windows records the parent's Windows
+// path; beside the child is where a copy of it would be.
+std::string DifferencingProblem(const ImageKind& kind, const std::string& parent) {
+  const std::string what = FormatName(kind.format);
+  const std::string base = parent.substr(parent.find_last_of("\\/") + 1);
+  const std::filesystem::path beside = std::filesystem::path(kind.files.front()).parent_path() / base;
+  const bool there = (!parent.empty() && parent[0] == '/' && IsFile(parent)) || (!base.empty() && IsFile(beside));
+  if (there)
+    return "a differencing " + what + " (its parent is " + parent + "), which is not read here: merge it into its " +
+           (kind.format == ImageFormat::kVmdk ? "parent first (qemu-img convert -O vmdk CHILD MERGED)"
+                                              : "parent first (Hyper-V Manager: Edit Disk, Merge)");
+  return "a differencing " + what + " whose parent " + (parent.empty() ? "(unnamed)" : parent) +
+         " is not there (looked for " + beside.string() + ")";
 }
 
-// What The Sleuth Kit does not pass on from libvhdi: whether the disk is a
-// differencing one (whose unchanged blocks are in its parent, which The Sleuth Kit
-// does not open), and the logical sector size a VHDX records.
+template <typename Error, typename Print, typename Free>
+std::string LibraryError(Error** error, Print print, Free free) {
+  char text[2048] = {};
+  if (*error == nullptr || print(*error, text, sizeof text) < 0) std::strcpy(text, "unknown error");
+  free(error);
+  return OneLine(text);
+}
+std::string VhdiError(libvhdi_error_t** e) {
+  return LibraryError(e, libvhdi_error_backtrace_sprint, libvhdi_error_free);
+}
+std::string VmdkError(libvmdk_error_t** e) {
+  return LibraryError(e, libvmdk_error_backtrace_sprint, libvmdk_error_free);
+}
+
+// A VHD or VHDX: its headers, whether it is a differencing disk, and the logical
+// sector size a VHDX records.
 bool InspectVhd(const ImageKind& kind, DWORD* sector_size, std::string* error) {
-  const std::string& path = kind.files.front();
-  const std::string what = FormatName(kind.format);
   libvhdi_file_t* file = nullptr;
   libvhdi_error_t* e = nullptr;
   if (libvhdi_file_initialize(&file, &e) != 1) {
     *error = "libvhdi cannot start: " + VhdiError(&e);
     return false;
   }
-  bool ok = libvhdi_file_open(file, path.c_str(), LIBVHDI_OPEN_READ, &e) == 1;
-  if (!ok) *error = "the " + what + " image's headers are damaged: " + VhdiError(&e);
-  std::uint32_t type = 0;
+  bool ok = libvhdi_file_open(file, kind.files.front().c_str(), LIBVHDI_OPEN_READ, &e) == 1;
+  if (!ok) *error = std::string("the ") + FormatName(kind.format) + " image's headers are damaged: " + VhdiError(&e);
+  std::uint32_t type = 0, bytes = 0;
   if (ok && libvhdi_file_get_disk_type(file, &type, &e) == 1 && type == LIBVHDI_DISK_TYPE_DIFFERENTIAL) {
     std::array<std::uint8_t, 4096> name{};
     if (libvhdi_file_get_utf8_parent_filename(file, name.data(), name.size() - 1, &e) != 1) VhdiError(&e);
-    const std::string parent(reinterpret_cast<const char*>(name.data()));
-    // Windows keeps the parent's Windows path; beside the child is where a copy is.
-    const std::string base = parent.substr(parent.find_last_of("\\/") + 1);
-    const std::filesystem::path beside = std::filesystem::path(path).parent_path() / base;
-    const bool there = (!parent.empty() && parent[0] == '/' && IsFile(parent)) || (!base.empty() && IsFile(beside));
-    *error = there ? "a differencing " + what + " (its parent is " + parent +
-                         "), which is not read here: merge it into its parent first (Hyper-V Manager: Edit Disk, Merge)"
-                   : "a differencing " + what + " whose parent " + (parent.empty() ? "(unnamed)" : parent) +
-                         " is not there (looked for " + beside.string() + ")";
+    *error = DifferencingProblem(kind, reinterpret_cast<const char*>(name.data()));
     ok = false;
   }
-  if (e != nullptr) libvhdi_error_free(&e);
-  std::uint32_t bytes = 0;
   if (ok && kind.format == ImageFormat::kVhdx && libvhdi_file_get_bytes_per_sector(file, &bytes, &e) == 1 &&
       IsSectorSize(bytes))
     *sector_size = bytes;
   if (e != nullptr) libvhdi_error_free(&e);
   libvhdi_file_close(file, nullptr);
   libvhdi_file_free(&file, nullptr);
+  return ok;
+}
+
+// A VMDK: its descriptor and extents, and whether it is a snapshot of a parent.
+// (The Sleuth Kit also leaks what it allocated when libvmdk refuses a file.)
+bool InspectVmdk(const ImageKind& kind, std::string* error) {
+  libvmdk_handle_t* handle = nullptr;
+  libvmdk_error_t* e = nullptr;
+  if (libvmdk_handle_initialize(&handle, &e) != 1) {
+    *error = "libvmdk cannot start: " + VmdkError(&e);
+    return false;
+  }
+  bool ok = libvmdk_handle_open(handle, kind.files.front().c_str(), LIBVMDK_OPEN_READ, &e) == 1 &&
+            libvmdk_handle_open_extent_data_files(handle, &e) == 1;
+  if (!ok) *error = "the VMDK image cannot be opened: " + VmdkError(&e);
+  std::uint32_t parent_id = 0;
+  if (ok && libvmdk_handle_get_parent_content_identifier(handle, &parent_id, &e) == 1 && parent_id != 0xFFFFFFFF) {
+    std::array<std::uint8_t, 4096> name{};
+    if (libvmdk_handle_get_utf8_parent_filename(handle, name.data(), name.size() - 1, &e) != 1) VmdkError(&e);
+    *error = DifferencingProblem(kind, reinterpret_cast<const char*>(name.data()));
+    ok = false;
+  }
+  if (e != nullptr) libvmdk_error_free(&e);
+  libvmdk_handle_close(handle, nullptr);
+  libvmdk_handle_free(&handle, nullptr);
   return ok;
 }
 
@@ -316,6 +351,7 @@ std::shared_ptr<ContainerImage> ContainerImage::Open(const ImageKind& kind, std:
   if ((kind.format == ImageFormat::kVhd || kind.format == ImageFormat::kVhdx) &&
       !InspectVhd(kind, &image->sector_size_, error))
     return nullptr;
+  if (kind.format == ImageFormat::kVmdk && !InspectVmdk(kind, error)) return nullptr;
   // The type is told, not detected again: asked to detect, The Sleuth Kit reads a
   // container whose headers it cannot parse as a raw disk.
   std::vector<const char*> names;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Images that cannot be read as disks: formats not read (qcow2, VDI), an EnCase set or
 # split raw set with a file missing or attached by a later file, a segment cut short,
-# differencing VHD and VHDX disks whose parent is not there, and damaged container
+# differencing VHD, VHDX and VMDK disks whose parent is not there, and damaged container
 # headers. vmft refuses each with exit 2 and a reason naming the file, prints nothing
 # on stdout and leaves the files as they were; the same disk through KORU_MFT_DISKS
 # gives the library no disk at all.
@@ -21,7 +21,7 @@ start=2048, size=32768, type=7
 TABLE
 mkntfs_at "$raw" 2048 32768
 head -c 4M /dev/urandom | dd of="$raw" bs=512 seek=36864 conv=notrunc status=none  # for several segments
-mkdir "$work"/{qcow,vdi,gap,tail,later,short,split,splitlater,diff,diffx,badx,badvmdk,bade01}
+mkdir "$work"/{qcow,vdi,gap,tail,later,short,split,splitlater,diff,diffx,diffvmdk,badx,badvmdk,bade01}
 qemu-img convert -O qcow2 "$raw" "$work/qcow/disk.qcow2"
 qemu-img convert -O vdi "$raw" "$work/vdi/disk.vdi"
 make_e01 "$raw" 512 "$work/gap/disk" 1MiB
@@ -39,6 +39,9 @@ qemu-img convert -O vpc "$raw" "$work/diff/base.vhd"
 make_differencing vhd "$work/diff/base.vhd" "$work/diff/child.vhd" 'D:\Hyper-V\base-gone.vhd'
 qemu-img convert -O vhdx "$raw" "$work/diffx/base.vhdx"
 make_differencing vhdx "$work/diffx/base.vhdx" "$work/diffx/child.vhdx" '.\missing.vhdx'
+qemu-img convert -O vmdk "$raw" "$work/diffvmdk/base.vmdk"
+qemu-img create -q -f vmdk -b "$work/diffvmdk/base.vmdk" -F vmdk "$work/diffvmdk/child.vmdk"
+rm "$work/diffvmdk/base.vmdk"
 qemu-img convert -O vhdx "$raw" "$work/badx/disk.vhdx"
 # Both headers and both region tables (64 KiB to 320 KiB) overwritten.
 dd if=/dev/zero of="$work/badx/disk.vhdx" bs=64K seek=1 count=4 conv=notrunc status=none
@@ -74,6 +77,7 @@ split/disk.001|part @/split/disk.002 of the split raw set is missing (disk.003 i
 splitlater/disk.002|it is part 2 of a split raw set: attach the set by its first part, @/splitlater/disk.001
 diff/child.vhd|a differencing VHD whose parent D:\\Hyper-V\\base-gone.vhd is not there (looked for @/diff/base-gone.vhd)
 diffx/child.vhdx|a differencing VHDX whose parent .\\missing.vhdx is not there (looked for @/diffx/missing.vhdx)
+diffvmdk/child.vmdk|a differencing VMDK whose parent @/diffvmdk/base.vmdk is not there (looked for @/diffvmdk/base.vmdk)
 EOF
 
 # Damaged containers: the reason comes from the library that reads the format.

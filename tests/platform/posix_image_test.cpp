@@ -28,11 +28,9 @@ Bytes WithText(std::size_t size, std::size_t at, std::string_view text) {
   return out;
 }
 
-TEST(PosixImage, EachFormatIsKnownByItsSignatureAndAnythingElseIsRaw) {
+TEST(PosixImage, ContainersAreKnownByTheirSignaturesInPlaceAndWholeAndAnythingElseIsRaw) {
   const std::string ewf(koru::image::kEwfSignature, 8);
   const Bytes none(512);
-  Bytes vdi(512);
-  vdi[0x40] = std::byte{0x7F}, vdi[0x41] = std::byte{0x10}, vdi[0x42] = std::byte{0xDA}, vdi[0x43] = std::byte{0xBE};
   const struct {
     const char* what;
     Bytes head, tail;
@@ -44,15 +42,9 @@ TEST(PosixImage, EachFormatIsKnownByItsSignatureAndAnythingElseIsRaw) {
       {"VHD with a 511-byte footer", none, WithText(512, 1, "conectix"), ImageFormat::kVhd},
       {"VHD footer elsewhere", none, WithText(512, 2, "conectix"), ImageFormat::kRaw},
       {"sparse VMDK", WithText(512, 0, "KDMV"), none, ImageFormat::kVmdk},
-      {"ESX VMDK", WithText(512, 0, "COWD"), none, ImageFormat::kVmdk},
-      {"VMDK descriptor", WithText(512, 0, "# Disk DescriptorFile\nversion=1\n"), none, ImageFormat::kVmdk},
       {"E01", WithText(512, 0, ewf), none, ImageFormat::kE01},
       {"E01 signature without its NUL", WithText(512, 0, ewf.substr(0, 7) + "x"), none, ImageFormat::kRaw},
       {"Ex01", WithText(512, 0, std::string("EVF2\r\n\x81\0", 8)), none, ImageFormat::kEx01},
-      {"L01", WithText(512, 0, "LVF\x09\r\n\xFF"), none, ImageFormat::kL01},
-      {"qcow2", WithText(512, 0, "QFI\xFB"), none, ImageFormat::kQcow},
-      {"VDI", vdi, none, ImageFormat::kVdi},
-      {"MBR disk", WithText(512, 510, "\x55\xAA"), none, ImageFormat::kRaw},
       {"empty file", {}, {}, ImageFormat::kRaw},
       {"signature cut short", WithText(4, 0, "vhdx"), WithText(4, 0, "cone"), ImageFormat::kRaw},
   };
