@@ -23,6 +23,7 @@ ExtentStep LocateExtent(varnel::FnTrace& fn, const DISK_EXTENT& extent, ExtentPl
       static_cast<std::uint64_t>(extent.StartingOffset / static_cast<std::int64_t>(place.bytes_per_sector));
   if (!boot.GetMftSector(VolumeStart{extent.DiskNumber, place.start_sector}, place.mft_sector))
     return ExtentStep::kBootSectorFailed;
+  place.file_record_size = boot.m_dwFileRecordSize;
   if (!boot.GetSectorsPerCluster(place.sectors_per_cluster)) return ExtentStep::kNoClusterSize;
   return ExtentStep::kOk;
 }
@@ -35,6 +36,7 @@ MFT MakeReader(const ExtentPlace& place, wchar_t letter, std::uint64_t sector) {
   mft.m_dwSectorsPerCluster = place.sectors_per_cluster;
   mft.m_uiVolumeStartSector = place.start_sector;
   mft.m_uiMftSector = sector;
+  mft.m_dwFileRecordSize = place.file_record_size;
   return mft;
 }
 

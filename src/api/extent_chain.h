@@ -17,6 +17,7 @@ struct ExtentPlace {
   std::uint64_t start_sector = 0;
   std::uint64_t mft_sector = 0;
   platform::DWORD sectors_per_cluster = 0;
+  platform::DWORD file_record_size = 0;
 };
 
 enum class ExtentStep { kOk, kGeometryFailed, kBootSectorFailed, kNoClusterSize };

@@ -99,6 +99,8 @@ inline constexpr std::size_t kOemIdLength = 8;
 inline constexpr std::size_t kBytesPerSector = 0x0B;  // u16
 inline constexpr std::size_t kSectorsPerCluster = 0x0D;  // u8; above 0x80 a negative power of two
 inline constexpr std::size_t kMftCluster = 0x30;     // u64 logical cluster of $MFT
+// s8: clusters per file record, or when negative the record size as 2^-n bytes.
+inline constexpr std::size_t kClustersPerFileRecord = 0x40;
 
 inline constexpr char kBitLockerOemId[] = "-FVE-FS-";
 inline constexpr char kNtfsOemId[] = "NTFS    ";

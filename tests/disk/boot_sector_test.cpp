@@ -125,32 +125,39 @@ TEST(BootSector, BitLockerAloneIsRefusedAndPrintsTheFallbackLine) {
 
 // Each real boot sector placed where its volume began (its hidden-sectors field, when
 // small enough to write), on a disk of its own sector size: the seek is in disk sectors.
-TEST(BootSector, RealBootSectorsGiveTheAbsoluteMftSector) {
+// The file-record size is given in clusters (dfir-512, dfir-4kn) or as 2^-n bytes.
+TEST(BootSector, RealBootSectorsGiveTheAbsoluteMftSectorAndTheRecordSize) {
   struct Case {
     const char* file;
     std::uint32_t bytes_per_sector;
     std::uint64_t start;
     platform::DWORD sectors_per_cluster;
     std::uint64_t mft_cluster;
-  } cases[] = {{"boot-sectors/dfir-512.boot", 512, 128, 1, 697002},
-               {"boot-sectors/dfir-nobootcode.boot", 512, 17, 8, 771},
-               {"boot-sectors/libfsntfs-volume_header.1", 512, 63, 1, 5355},
-               {"boot-sectors/dfir-4kn.boot", 4096, 16, 1, 4778},
-               {"records/4kn-ntfs-bootsector.bin", 4096, 64, 1, 8533},
-               {"boot-sectors/dfir-4k.boot", 512, 0, 8, 786432},
-               {"boot-sectors/ez-Boot.bin", 512, 0, 8, 786432},
-               {"boot-sectors/dfir-64k.boot", 512, 0, 128, 49152},
-               {"boot-sectors/dfir-128k.boot", 512, 0, 256, 24576}};
+    platform::DWORD record_size;
+  } cases[] = {{"boot-sectors/dfir-512.boot", 512, 128, 1, 697002, 1024},
+               {"boot-sectors/dfir-nobootcode.boot", 512, 17, 8, 771, 1024},
+               {"boot-sectors/libfsntfs-volume_header.1", 512, 63, 1, 5355, 1024},
+               {"boot-sectors/dfir-4kn.boot", 4096, 16, 1, 4778, 4096},
+               {"records/4kn-ntfs-bootsector.bin", 4096, 64, 1, 8533, 1024},
+               {"boot-sectors/dfir-4k.boot", 512, 0, 8, 786432, 1024},
+               {"boot-sectors/ez-Boot.bin", 512, 0, 8, 786432, 1024},
+               {"boot-sectors/dfir-64k.boot", 512, 0, 128, 49152, 1024},
+               {"boot-sectors/dfir-128k.boot", 512, 0, 256, 24576, 1024}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
     Read r = ReadBoot(At(test::ReadFileBytes(test::SharedImage(c.file)), c.start, c.bytes_per_sector), c.start,
                       c.bytes_per_sector);
     ASSERT_TRUE(r.ok);
     EXPECT_EQ(r.mft_sector, c.start + c.sectors_per_cluster * c.mft_cluster);
+    EXPECT_EQ(r.boot.m_dwFileRecordSize, c.record_size);
     platform::DWORD spc = 0;
     ASSERT_TRUE(r.boot.GetSectorsPerCluster(spc));
     EXPECT_EQ(spc, c.sectors_per_cluster);
   }
+  // Two clusters of 64 KiB make no file record: the size stays unknown.
+  Image big = Volume(0x80, 3);
+  big[0x40] = std::byte{2};
+  EXPECT_EQ(ReadBoot(big).boot.m_dwFileRecordSize, 0u);
 }
 
 TEST(BootSector, EveryFailureTracesWhyLeavesTheSectorAndClosesTheDisk) {
