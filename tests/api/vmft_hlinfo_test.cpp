@@ -27,14 +27,13 @@ struct Outcome {
   bool Traced(const std::wstring& line) const { return std::find(trace.begin(), trace.end(), line) != trace.end(); }
 };
 
-// CreateHLInfo(hl.ini in a fresh directory, `letter`, V) on the volume of `image`,
-// whose files are `table`, with `fault` injected; `before` is the file's content
-// beforehand (none when empty).
+// CreateHLInfo(`name` in a fresh directory, `letter`, V) on the volume of `image`,
+// whose files are `table`, with `fault` injected; hl.ini there holds `before` first.
 Outcome CreateHLInfo(const std::vector<std::byte>& image, std::uint32_t sector, std::vector<FakeFilesEnv::File> table,
                      wchar_t letter = L'C', const std::function<void(test::FaultEnv&)>& fault = nullptr,
                      const std::string& before = "", const std::string& name = "hl.ini") {
   test::TempDir dir;
-  if (!before.empty()) dir.Write(name, before);
+  if (!before.empty()) dir.Write("hl.ini", before);
   test::ImageEnv disk(platform::Env::Default(), image, sector);
   FakeFilesEnv files(disk);
   files.files = std::move(table);
@@ -58,45 +57,30 @@ Outcome CreateHLInfo(const std::vector<std::byte>& image, std::uint32_t sector, 
 const std::string kHead = "; Varnel generated file for (HOST) - do not edit\r\n; Generated on 00 Jan 1900 at 00:00:00\r\n\r\n";
 
 TEST(CreateHLInfo, WritesEveryFileWithSeveralNamesFoundInTheMft) {
-  // 4096-byte records on 4096-byte sectors too (mkntfs -s 4096): record 17 is odd.
-  for (std::uint32_t size : {512u, 4096u}) {
-    SCOPED_TRACE(size);
-    const std::uint32_t record = size == 512 ? 1024 : 4096;
-    const std::uint32_t clusters = 24 * record / size;
-    test::ScanVolume v(size, record, 16 + clusters + 2, {{16, clusters}});
-    v.PutRecord(17, kFile, 3);
-    v.PutRecord(18, kFile, 2);
-    const Outcome out = CreateHLInfo(v.image(), size,
-                                     {{1ull << 48 | 17, {L"\\Windows\\a.dll", L"\\Windows\\WinSxS\\x\\a.dll"}, 10},
-                                      {1ull << 48 | 18, {L"\\b.txt", L"\\Windows\\Temp\\b.txt"}, 3}});
-    EXPECT_TRUE(out.ok);
-    EXPECT_EQ(out.file, kHead + "[000000000011]\r\nFile0=C:\\Windows\\a.dll\r\nFile1=C:\\Windows\\WinSxS\\x\\a.dll\r\n"
-                                "Count=2\r\nSize=10\r\n[Totals]\r\nSections=1\r\nBytes=10\r\n");
-    EXPECT_NE(out.progress.find(L"\t... progress 100%\n"), std::wstring::npos);
-    EXPECT_TRUE(out.Traced(L"[I]: VMFT::CreateHLInfo : MFT starts at sector : MftSector = 16"));
-    EXPECT_TRUE(out.Traced(L"[I]: MFT::GetHardLinkList : uiTotalMftSectors = 24"));  // the boot sector's record size
-  }
-}
-
-TEST(CreateHLInfo, NothingFoundLeavesAnyOldFileAsItWas) {
-  test::ScanVolume v(512, 1024, 64, {{16, 48}});
-  v.PutRecord(17, kFile, 1);
-  const Outcome out = CreateHLInfo(v.image(), 512, {}, L'C', nullptr, "old");
+  // 4096-byte records on 4096-byte sectors (mkntfs -s 4096): record 17 is odd.
+  test::ScanVolume v(4096, 4096, 16 + 24 + 2, {{16, 24}});
+  v.PutRecord(17, kFile, 3);
+  v.PutRecord(18, kFile, 2);
+  const Outcome out = CreateHLInfo(v.image(), 4096,
+                                   {{1ull << 48 | 17, {L"\\Windows\\a.dll", L"\\Windows\\WinSxS\\x\\a.dll"}, 10},
+                                    {1ull << 48 | 18, {L"\\b.txt", L"\\Windows\\Temp\\b.txt"}, 3}});
   EXPECT_TRUE(out.ok);
-  EXPECT_EQ(out.file, "old");
-  // A scan that fails adds nothing, and does not turn to the directory walk.
-  std::vector<std::byte> cut = v.image();
-  cut.resize(16 * 512);
-  const Outcome failed_scan = CreateHLInfo(cut, 512, {});
-  EXPECT_TRUE(failed_scan.ok);
-  EXPECT_EQ(failed_scan.file, "(none)");
-  EXPECT_TRUE(failed_scan.Traced(L"[E]: MFT::GetHardLinkList : ... ending(GetMftRanges() failed"));
+  EXPECT_EQ(out.file, kHead + "[000000000011]\r\nFile0=C:\\Windows\\a.dll\r\nFile1=C:\\Windows\\WinSxS\\x\\a.dll\r\n"
+                              "Count=2\r\nSize=10\r\n[Totals]\r\nSections=1\r\nBytes=10\r\n");
+  EXPECT_NE(out.progress.find(L"\t... progress 100%\n"), std::wstring::npos);
+  EXPECT_TRUE(out.Traced(L"[I]: VMFT::CreateHLInfo : MFT starts at sector : MftSector = 16"));
+  EXPECT_TRUE(out.Traced(L"[I]: MFT::GetHardLinkList : uiTotalMftSectors = 24"));  // the boot sector's record size
 }
 
-TEST(CreateHLInfo, FailuresOfTheChainAndOfTheFile) {
-  test::ScanVolume v(512, 1024, 64, {{16, 48}});
+// Nothing found leaves an old file as it was; a scan that fails adds nothing and does
+// not turn to the directory walk; the other failures fail the call.
+TEST(CreateHLInfo, NothingFoundAndFailures) {
+  test::ScanVolume none(512, 1024, 64, {{16, 48}}), v = none;
+  none.PutRecord(17, kFile, 1);
   v.PutRecord(17, kFile, 2);
   const std::vector<FakeFilesEnv::File> table{{1ull << 48 | 17, {L"\\a", L"\\b"}, 1}};
+  std::vector<std::byte> cut = v.image();
+  cut.resize(16 * 512);
   const auto bitlocker = test::ReadFileBytes(test::SharedImage("bitlocker/bitlk-aes-xts-128.first64k"));
   const std::wstring ending = L"[E]: VMFT::CreateHLInfo : ... ending(";
   const struct {
@@ -104,25 +88,28 @@ TEST(CreateHLInfo, FailuresOfTheChainAndOfTheFile) {
     wchar_t letter;
     std::function<void(test::FaultEnv&)> fault;
     std::string name;
+    bool ok;
+    std::string file;
     std::wstring trace;
   } cases[] = {
-      {v.image(), L'D', nullptr, "hl.ini", ending + L"GetVolumeDiskExtentList() failed)"},
+      {none.image(), L'C', nullptr, "hl.ini", true, "old", L"[I]: MFT::GetHardLinkList : HardLinkListCount = 0"},
+      {cut, L'C', nullptr, "hl.ini", true, "old", L"[E]: MFT::GetHardLinkList : ... ending(GetMftRanges() failed"},
+      {v.image(), L'D', nullptr, "hl.ini", false, "old", ending + L"GetVolumeDiskExtentList() failed)"},
       // The first control call lists the extents, the second asks for the geometry.
-      {v.image(), L'C', [](test::FaultEnv& f) { f.FailCall(Call::DeviceIoControl, 1, 2); }, "hl.ini",
+      {v.image(), L'C', [](test::FaultEnv& f) { f.FailCall(Call::DeviceIoControl, 1, 2); }, "hl.ini", false, "old",
        ending + L"GetDiskGeometryEx() failed)"},
-      {v.image(), L'C', nullptr, "no/such/dir/hl.ini", ending + L"WriteHLInfo() failed)"},
       // Not built yet: the directory walk that a BitLocker volume turns to.
-      {bitlocker, L'C', nullptr, "hl.ini", ending + L"HardLinkInfo::Create() failed)"},
+      {bitlocker, L'C', nullptr, "hl.ini", false, "old", ending + L"HardLinkInfo::Create() failed)"},
+      {v.image(), L'C', nullptr, "no/such/dir/hl.ini", false, "(none)", ending + L"WriteHLInfo() failed)"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.trace);
-    const Outcome out = CreateHLInfo(c.image, 512, table, c.letter, c.fault, "", c.name);
-    EXPECT_FALSE(out.ok);
+    const Outcome out = CreateHLInfo(c.image, 512, table, c.letter, c.fault, "old", c.name);
+    EXPECT_EQ(out.ok, c.ok);
     EXPECT_TRUE(out.Traced(c.trace));
-    EXPECT_EQ(out.file, "(none)");
+    EXPECT_EQ(out.file, c.file);
+    EXPECT_EQ(out.console.empty(), c.image != bitlocker);
   }
-  const Outcome out = CreateHLInfo(bitlocker, 512, table);
-  EXPECT_EQ(out.console, L"BitLocker boot sector detected ... using legacy hard-link scan\n");
 }
 
 }  // namespace

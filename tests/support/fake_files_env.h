@@ -14,7 +14,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -29,34 +28,29 @@ class FakeFilesEnv : public FaultEnv {
     std::vector<std::wstring> names;
     std::int64_t size = 0;
   };
+  using HANDLE = platform::HANDLE;
 
   explicit FakeFilesEnv(platform::Env& inner = platform::Env::Default()) : FaultEnv(inner) {}
 
   std::vector<File> files;
-  // Listed by the link enumeration but gone when asked for again (PathFileExistsW).
-  std::set<std::wstring> gone;
   // Names a file for an id the table lacks; unset: OpenFileById fails with ERROR_INVALID_PARAMETER.
   std::function<std::wstring(std::uint64_t id)> name_unknown_id;
   std::optional<std::string> host;  // GetNetworkParams; unset: the wrapped Env answers
   std::optional<std::tm> local_time;
   std::size_t open_handles() const { return open_.size(); }
 
-  platform::HANDLE OpenFileById(platform::HANDLE hint, const platform::FileIdDescriptor* id, DWORD, DWORD,
-                                DWORD) override {
+  HANDLE OpenFileById(HANDLE hint, const platform::FileIdDescriptor* id, DWORD, DWORD, DWORD) override {
     if (!platform::IsValid(hint) || id == nullptr || id->dwSize != 24 || id->Type != 0)
       return FailHandle(platform::kErrorInvalidParameter);
     const auto wanted = static_cast<std::uint64_t>(id->FileId);
-    auto it = std::find_if(files.begin(), files.end(), [&](const File& f) { return f.id == wanted; });
-    if (it == files.end()) {
-      if (!name_unknown_id) return FailHandle(platform::kErrorInvalidParameter);
-      files.push_back({wanted, {name_unknown_id(wanted)}, 0});
-      it = files.end() - 1;
-    }
-    return Open(static_cast<std::size_t>(it - files.begin()));
+    for (std::size_t i = 0; i < files.size(); ++i)
+      if (files[i].id == wanted) return Open(i);
+    if (!name_unknown_id) return FailHandle(platform::kErrorInvalidParameter);
+    files.push_back({wanted, {name_unknown_id(wanted)}, 0});
+    return Open(files.size() - 1);
   }
-
   // FILE_NAME_INFO: the byte length of the first name, then its UTF-16 units as far as they fit.
-  bool GetFileInformationByHandleEx(platform::HANDLE h, DWORD info_class, void* buffer, DWORD size) override {
+  bool GetFileInformationByHandleEx(HANDLE h, DWORD info_class, void* buffer, DWORD size) override {
     const Handle* open = Find(h);
     if (open == nullptr) return FaultEnv::GetFileInformationByHandleEx(h, info_class, buffer, size);
     if (info_class != platform::kFileNameInfo || size < platform::kFileNameInfoHeader)
@@ -64,60 +58,50 @@ class FakeFilesEnv : public FaultEnv {
     std::u16string units;
     for (wchar_t c : files[open->file].names.at(0)) {
       const auto v = static_cast<std::uint32_t>(c);
-      if (v >= 0x10000) {
-        units += static_cast<char16_t>(0xD800 + ((v - 0x10000) >> 10));
-        units += static_cast<char16_t>(0xDC00 + ((v - 0x10000) & 0x3FF));
-      } else {
-        units += static_cast<char16_t>(v);
-      }
+      if (v >= 0x10000) units += static_cast<char16_t>(0xD800 + ((v - 0x10000) >> 10));
+      units += static_cast<char16_t>(v >= 0x10000 ? 0xDC00 + ((v - 0x10000) & 0x3FF) : v);
     }
     auto* bytes = static_cast<unsigned char*>(buffer);
     const auto length = static_cast<std::uint32_t>(2 * units.size());
-    for (int i = 0; i < 4; ++i) bytes[i] = static_cast<unsigned char>(length >> (8 * i));
+    for (std::size_t i = 0; i < 4; ++i) bytes[i] = static_cast<unsigned char>(length >> (8 * i));
     for (std::size_t i = 0; i < units.size() && 4 + 2 * i + 1 < size; ++i) {
       bytes[4 + 2 * i] = static_cast<unsigned char>(units[i] & 0xFF);
-      bytes[4 + 2 * i + 1] = static_cast<unsigned char>(units[i] >> 8);
+      bytes[5 + 2 * i] = static_cast<unsigned char>(units[i] >> 8);
     }
     return 4 + length <= size || Fail(platform::kErrorMoreData);
   }
-
-  platform::HANDLE FindFirstFileNameW(const wchar_t* path, DWORD, DWORD* length, wchar_t* buffer) override {
+  HANDLE FindFirstFileNameW(const wchar_t* path, DWORD, DWORD* length, wchar_t* buffer) override {
     const auto file = Lookup(path);
     if (!file) return FailHandle(platform::kErrorFileNotFound);
     if (!CopyName(files[*file].names.at(0), length, buffer)) return platform::InvalidHandle();
-    platform::HANDLE h = Open(*file);
+    const HANDLE h = Open(*file);
     open_[Key(h)].next = 1;
     return h;
   }
-  bool FindNextFileNameW(platform::HANDLE h, DWORD* length, wchar_t* buffer) override {
+  bool FindNextFileNameW(HANDLE h, DWORD* length, wchar_t* buffer) override {
     Handle* open = Find(h);
     if (open == nullptr) return FaultEnv::FindNextFileNameW(h, length, buffer);
     const auto& names = files[open->file].names;
     if (open->next >= names.size()) return Fail(platform::kErrorHandleEof);
-    if (!CopyName(names[open->next], length, buffer)) return false;
-    ++open->next;
-    return true;
+    return CopyName(names[open->next], length, buffer) && ++open->next;
   }
-  bool FindClose(platform::HANDLE h) override { return open_.erase(Key(h)) == 1 || FaultEnv::FindClose(h); }
-
-  platform::HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition,
-                               DWORD flags) override {
+  bool FindClose(HANDLE h) override { return open_.erase(Key(h)) == 1 || FaultEnv::FindClose(h); }
+  HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition, DWORD flags) override {
     if (!OnVolume(path)) return FaultEnv::CreateFileW(path, access, share, disposition, flags);
     const auto file = Lookup(path);
     return file ? Open(*file) : FailHandle(platform::kErrorFileNotFound);
   }
-  bool GetFileSizeEx(platform::HANDLE h, std::int64_t* size) override {
+  bool GetFileSizeEx(HANDLE h, std::int64_t* size) override {
     const Handle* open = Find(h);
     if (open == nullptr) return FaultEnv::GetFileSizeEx(h, size);
     *size = files[open->file].size;
     return true;
   }
-  bool CloseHandle(platform::HANDLE h) override { return open_.erase(Key(h)) == 1 || FaultEnv::CloseHandle(h); }
+  bool CloseHandle(HANDLE h) override { return open_.erase(Key(h)) == 1 || FaultEnv::CloseHandle(h); }
   bool PathFileExistsW(const wchar_t* path) override {
     if (!OnVolume(path)) return FaultEnv::PathFileExistsW(path);
-    return (Lookup(path) && gone.count(path + 6) == 0) || Fail(platform::kErrorFileNotFound);
+    return Lookup(path) || Fail(platform::kErrorFileNotFound);
   }
-
   DWORD GetNetworkParams(void* info, DWORD* size) override {
     if (!host) return FaultEnv::GetNetworkParams(info, size);
     const DWORD needed = 2 * platform::kFixedInfoHostNameSize;
@@ -140,12 +124,11 @@ class FakeFilesEnv : public FaultEnv {
     std::size_t file;
     std::size_t next = 0;  // a find handle's next name
   };
-  static std::uintptr_t Key(platform::HANDLE h) { return reinterpret_cast<std::uintptr_t>(h); }
+  static std::uintptr_t Key(HANDLE h) { return reinterpret_cast<std::uintptr_t>(h); }
   static std::wstring Fold(std::wstring text) {
     for (auto& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
     return text;
   }
-  // \\?\X:\... : a name on the volume.
   static bool OnVolume(const wchar_t* path) {
     return path != nullptr && std::wcsncmp(path, L"\\\\?\\", 4) == 0 && path[4] != 0 && path[5] == L':';
   }
@@ -153,35 +136,30 @@ class FakeFilesEnv : public FaultEnv {
     SetLastError(error);
     return false;
   }
-  platform::HANDLE FailHandle(DWORD error) {
+  HANDLE FailHandle(DWORD error) {
     SetLastError(error);
     return platform::InvalidHandle();
   }
   std::optional<std::size_t> Lookup(const wchar_t* path) const {
     if (!OnVolume(path)) return std::nullopt;
-    const std::wstring name = Fold(path + 6);
     for (std::size_t i = 0; i < files.size(); ++i)
-      for (const auto& n : files[i].names)
-        if (Fold(n) == name) return i;
+      for (const auto& name : files[i].names)
+        if (Fold(name) == Fold(path + 6)) return i;
     return std::nullopt;
   }
   // The name and its terminator, or ERROR_MORE_DATA with the length needed.
   bool CopyName(const std::wstring& name, DWORD* length, wchar_t* buffer) {
     const auto needed = static_cast<DWORD>(name.size() + 1);
-    if (*length < needed) {
-      *length = needed;
-      return Fail(platform::kErrorMoreData);
-    }
-    std::copy(name.c_str(), name.c_str() + needed, buffer);
+    const bool fits = *length >= needed;
+    if (fits) std::copy(name.c_str(), name.c_str() + needed, buffer);
     *length = needed;
-    return true;
+    return fits || Fail(platform::kErrorMoreData);
   }
-  platform::HANDLE Open(std::size_t file) {
-    next_handle_ += 4;
-    open_[next_handle_] = Handle{file};
-    return reinterpret_cast<platform::HANDLE>(next_handle_);
+  HANDLE Open(std::size_t file) {
+    open_[next_handle_ += 4] = Handle{file};
+    return reinterpret_cast<HANDLE>(next_handle_);
   }
-  Handle* Find(platform::HANDLE h) {
+  Handle* Find(HANDLE h) {
     auto it = open_.find(Key(h));
     return it == open_.end() ? nullptr : &it->second;
   }
