@@ -39,17 +39,15 @@ vmft::Registrar hlinfo(40, [](CLI::App& app, vmft::Global&) -> vmft::Command {
   auto file = std::make_shared<std::string>();
   auto windows = std::make_shared<std::string>();
   auto vss = std::make_shared<std::string>();
-  sub->add_option("file", *file, "The info file to write (not written when no file has several names)")->required();
+  sub->add_option("file", *file, "The info file to write (left as it is when no file has more than one link)")->required();
   sub->add_option("windows", *windows, "Drive letter of the Windows volume, written into the names")->required();
   sub->add_option("vss", *vss, "Drive letter through which the volume is read (default: the Windows letter)");
   return {sub, [file, windows, vss] {
     const wchar_t wcWindows = vmft::DriveLetter(*windows);
     const wchar_t wcVssDrive = vss->empty() ? wcWindows : vmft::DriveLetter(*vss);
-    for (const auto* letter : {windows.get(), vss.get()}) {
-      if ((letter == windows.get() || !letter->empty()) && vmft::DriveLetter(*letter) == 0) {
-        vmft::Err(L"vmft: not a drive letter: " + vmft::Widen(*letter) + L"\n");
-        return 2;
-      }
+    if (wcWindows == 0 || wcVssDrive == 0) {
+      vmft::Err(L"vmft: not a drive letter: " + vmft::Widen(wcWindows == 0 ? *windows : *vss) + L"\n");
+      return 2;
     }
     ProgressOut console;
     std::wostream progress(&console);
