@@ -17,10 +17,13 @@
 #include "support/trace_capture.h"
 
 // Counts heap allocations, to hold the scan to none per record. Kept out of line so
-// the compiler does not pair the inlined malloc with a delete.
+// the compiler does not pair the inlined malloc with a delete. AddressSanitizer
+// keeps its own operator new (it checks that new meets delete), so there the count
+// stays 0.
 namespace {
 std::atomic<long> g_allocations{0};
 }  // namespace
+#if !defined(__SANITIZE_ADDRESS__)
 #if defined(__GNUC__)
 #define KORU_OUT_OF_LINE __attribute__((noinline))
 #else
@@ -33,6 +36,7 @@ KORU_OUT_OF_LINE void* operator new(std::size_t size) {
 }
 KORU_OUT_OF_LINE void operator delete(void* p) noexcept { std::free(p); }
 KORU_OUT_OF_LINE void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+#endif
 
 namespace koru {
 namespace {
