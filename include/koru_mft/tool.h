@@ -26,6 +26,9 @@ KORU_MFT_API bool AttachDisk(const std::string& arg, std::string* error);
 KORU_MFT_API bool PinVolume(const std::string& arg, std::string* error);
 // Every NTFS or BitLocker volume with a letter, in letter order.
 KORU_MFT_API std::vector<VolumeInfo> ListVolumes();
+// Why names, links and directories of files cannot be read on the volume with this
+// letter (on Linux: a volume The Sleuth Kit refuses); empty when they can.
+KORU_MFT_API std::string FileLevelProblem(wchar_t letter);
 
 // Trace level number 0..4 for this process, as trace.ini would set it.
 KORU_MFT_API void SetTraceLevel(unsigned level);

@@ -16,6 +16,8 @@ std::vector<VolumeInfo> ListVolumes() {
   return out;
 }
 
+std::string FileLevelProblem(wchar_t letter) { return platform::FileLevelProblem(letter); }
+
 void SetTraceLevel(unsigned level) { varnel::Trace().SetLevel(level); }
 
 std::wstring TraceLogPath() {

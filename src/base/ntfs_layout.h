@@ -88,6 +88,28 @@ inline constexpr std::uint32_t kEa = 0xE0;
 inline constexpr std::uint32_t kLoggedUtilityStream = 0x100;
 inline constexpr std::uint32_t kEndOfAttributes = 0xFFFFFFFF;
 
+
+// $STANDARD_INFORMATION value: the Win32 attribute bits of the file.
+inline constexpr std::size_t kSiFileAttributes = 0x20;  // u32
+
+// $FILE_NAME value (the same bytes are the key of a directory index entry).
+inline constexpr std::size_t kFnParentReference = 0x00;  // u64: record number (48 bits), sequence (16)
+inline constexpr std::size_t kFnNameLength = 0x40;       // u8, UTF-16 units
+inline constexpr std::size_t kFnNamespace = 0x41;        // u8
+inline constexpr std::size_t kFnName = 0x42;             // UTF-16LE, no terminator
+
+// $FILE_NAME namespaces: a DOS-only name is the 8.3 alias of a longer Win32 name.
+inline constexpr std::uint8_t kFnNamespacePosix = 0;
+inline constexpr std::uint8_t kFnNamespaceWin32 = 1;
+inline constexpr std::uint8_t kFnNamespaceDos = 2;
+inline constexpr std::uint8_t kFnNamespaceWin32AndDos = 3;
+
+// File references: the record number in the low 48 bits, the sequence number above.
+inline constexpr std::uint64_t kRefRecordMask = 0x0000FFFFFFFFFFFFull;
+inline constexpr int kRefSequenceShift = 48;
+inline constexpr std::uint64_t kRootDirectoryRecord = 5;
+inline constexpr std::uint64_t kUpCaseRecord = 10;
+
 }  // namespace koru::layout
 
 // NTFS boot sector fields the library reads (offsets from the sector's start).
@@ -99,8 +121,8 @@ inline constexpr std::size_t kOemIdLength = 8;
 inline constexpr std::size_t kBytesPerSector = 0x0B;  // u16
 inline constexpr std::size_t kSectorsPerCluster = 0x0D;  // u8; above 0x80 a negative power of two
 inline constexpr std::size_t kMftCluster = 0x30;     // u64 logical cluster of $MFT
-// s8: clusters per file record, or when negative the record size as 2^-n bytes.
-inline constexpr std::size_t kClustersPerFileRecord = 0x40;
+inline constexpr std::size_t kClustersPerRecord = 0x40;  // s8; negative: a record is 2^-n bytes
+inline constexpr std::size_t kSerialNumber = 0x48;   // u64; Win32 shows its low 32 bits
 
 inline constexpr char kBitLockerOemId[] = "-FVE-FS-";
 inline constexpr char kNtfsOemId[] = "NTFS    ";

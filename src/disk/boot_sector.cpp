@@ -70,7 +70,7 @@ bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSec
     m_dwSectorsPerCluster = DWORD{1} << ((256u - b) % 32u);
   }
   fn.Value(L"m_dwSectorsPerCluster", m_dwSectorsPerCluster);
-  m_dwFileRecordSize = FileRecordSize(le8Or0(view, boot::kClustersPerFileRecord),
+  m_dwFileRecordSize = FileRecordSize(le8Or0(view, boot::kClustersPerRecord),
                                       std::uint64_t{m_dwSectorsPerCluster} * m_dwBytesPerSector);
 
   uiMftSector = std::uint64_t{m_dwSectorsPerCluster} * le64Or0(view, boot::kMftCluster) + volume.uiStartSector;

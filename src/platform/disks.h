@@ -27,5 +27,9 @@ bool AttachDisk(const std::string& arg, std::string* error);
 bool PinVolume(const std::string& arg, std::string* error);
 // Every NTFS or BitLocker volume with a letter, in letter order.
 std::vector<ListedVolume> ListVolumes();
+// Why the file-level calls (names and links of files, directory searches) cannot
+// answer on the volume with this letter, in words a person can act on; empty when
+// they can. Linux reads them through The Sleuth Kit, which refuses some volumes.
+std::string FileLevelProblem(wchar_t letter);
 
 }  // namespace platform

@@ -1,23 +1,33 @@
-// Pieces of PosixEnv's disk personality that tests reach directly: how the extents
-// IOCTL fills a caller's buffer, and the order in which the machine's disks are numbered.
+// The host side of PosixEnv's disks: the images and block devices attached (or the
+// machine's own disks), read for the disk map, the pinned letters, and what a device
+// path opens on the host. Everything here is behind one lock.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "platform/disk_map.h"
 #include "platform/env.h"
 
-namespace platform::posix {
+namespace platform {
 
-// IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS as the volume manager answers it: a buffer
-// smaller than the header and one extent is ERROR_INVALID_PARAMETER (nothing written);
-// one too small for every extent is ERROR_MORE_DATA with the count filled in and
-// *returned the size of that minimum; else every extent, in order.
-bool AnswerVolumeDiskExtents(const std::vector<DISK_EXTENT>& extents, void* out, DWORD out_size, DWORD* returned,
-                             DWORD* error);
+// Where a device path reads from: a window of a host file.
+struct DeviceBinding : DeviceWindow {
+  std::string host_path;
+};
+
+namespace posix {
+
+bool ResolveDevice(const std::wstring& path, DeviceBinding* binding, DWORD* error);
+bool DeviceControl(const DeviceBinding& binding, DWORD code, void* out, DWORD out_size, DWORD* returned,
+                   DWORD* error);
+bool VolumeNameForMountPoint(const std::wstring& mount_point, std::wstring* volume_name, DWORD* error);
+// Forgets attached disks, pins and the scan (tests); the environment is read again.
+void ResetDisks();
 
 // Whole-disk names from /sys/block in PhysicalDrive order: sd/hd/vd/xvd, then nvme,
 // then mmcblk, then anything else; within each, shorter names first (sdz before sdaa).
 std::vector<std::string> OrderMachineDisks(std::vector<std::string> names);
 
-}  // namespace platform::posix
+}  // namespace posix
+}  // namespace platform

@@ -1,5 +1,8 @@
-// PosixEnv: the Win32 personality on Linux. Host paths appear as Z:\...; devices
-// (\\.\PhysicalDriveN, \\.\C:) are resolved by the disk layer (posix_disks.cpp).
+// PosixEnv: the Win32 personality on Linux, a mapping of errno, handles and paths.
+// Host paths appear as Z:\... (posix_paths); devices (\\.\PhysicalDriveN, \\.\C:,
+// volume names) are resolved by the disks (posix_disks); INI files and the version
+// resource have units of their own (posix_ini, posix_version), as have the answers
+// about the system itself (posix_system).
 #pragma once
 
 #include <cstdint>
@@ -8,35 +11,9 @@
 #include <unordered_map>
 
 #include "platform/env.h"
+#include "platform/posix_disks.h"
 
 namespace platform {
-
-// Where a device path reads from: a window [base, base + length) of a host file.
-struct DeviceBinding {
-  std::string host_path;
-  std::int64_t base = 0;
-  std::int64_t length = -1;  // -1: up to the end of the host file
-  int disk = -1;             // index of \\.\PhysicalDriveN
-  int volume = -1;           // index of the lettered volume, for \\.\C:
-};
-
-namespace posix {
-// Implemented by the disk layer.
-bool ResolveDevice(const std::wstring& path, DeviceBinding* binding, DWORD* error);
-bool DeviceControl(const DeviceBinding& binding, DWORD code, void* out, DWORD out_size, DWORD* returned,
-                   DWORD* error);
-bool VolumeNameForMountPoint(const std::wstring& mount_point, std::wstring* volume_name, DWORD* error);
-// Forgets attached disks, pins and the volume scan (tests); the environment is read again.
-void ResetDisks();
-}  // namespace posix
-
-// Windows path to host path: "Z:\a\b" and "/a/b" name /a/b; a relative path keeps
-// its place, with "\" turned into "/". Other drive letters have no host path ("").
-std::string HostPath(const wchar_t* windows_path);
-// Host path to the Windows form that the core cuts at backslashes: /a/b -> Z:\a\b.
-std::wstring WindowsPath(const std::string& host_path);
-std::string ToUtf8(const std::wstring& text);
-std::wstring FromUtf8(const std::string& text);
 
 class PosixEnv : public Env {
  public:
@@ -94,8 +71,6 @@ class PosixEnv : public Env {
   LONG RegQueryValueExW(HKEY key, const wchar_t* value_name, DWORD* type, void* data, DWORD* size) override;
   LONG RegCloseKey(HKEY key) override;
   LONG RegUnLoadKeyW(HKEY root, const wchar_t* sub_key) override;
-  DWORD HostToNetworkLong(DWORD value) override;
-  bool InetNtoa(DWORD network_order, char* buffer, std::size_t size) override;
   bool OpenProcessToken(DWORD access, HANDLE* token) override;
   bool LookupPrivilegeValueW(const wchar_t* name, Luid* luid) override;
   bool AdjustTokenPrivileges(HANDLE token, const TokenPrivileges* new_state, DWORD previous_size,
@@ -110,6 +85,11 @@ class PosixEnv : public Env {
     DeviceBinding device;
   };
   bool Lookup(HANDLE handle, OpenFile* file);
+  // Sets the last error; false (0) for the caller to return.
+  bool Refuse(DWORD error) {
+    SetLastError(error);
+    return false;
+  }
   void Store(HANDLE handle, const OpenFile& file);
 
   std::mutex mutex_;

@@ -77,6 +77,8 @@ bool PinVolume(const std::string&, std::string* error) {
   return false;
 }
 
+std::string FileLevelProblem(wchar_t) { return {}; }  // the system answers them itself
+
 std::vector<ListedVolume> ListVolumes() {
   std::vector<ListedVolume> out;
   const ::DWORD drives = ::GetLogicalDrives();

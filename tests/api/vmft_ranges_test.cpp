@@ -1,6 +1,5 @@
 // VMFT::GetMFTSectorRanges end to end: letter -> extents -> geometry -> boot
-// sector -> record 0 -> runs, on small disks attached through PosixEnv.
-#ifndef _WIN32
+// sector -> record 0 -> runs, on small disks attached as \\.\PhysicalDrive0.
 
 #include <gtest/gtest.h>
 
@@ -8,7 +7,7 @@
 
 #include "koru_mft/vmft.h"
 #include "mft/record_fixture.h"
-#include "platform/posix_env.h"
+#include "support/disk_image.h"
 #include "support/fault_env.h"
 #include "support/temp_disk.h"
 #include "support/trace_capture.h"
@@ -35,17 +34,9 @@ std::vector<std::byte> Record0(const std::vector<std::uint8_t>& runs = {0x31, 0x
 // `mft_cluster` of 8 sectors. The boot sector holds only what the query reads.
 std::vector<std::byte> Disk(const std::vector<std::byte>& record0, std::uint8_t spc_byte = 8,
                             std::uint64_t mft_cluster = 4) {
-  constexpr std::size_t boot = 2048 * 512;
-  std::vector<std::byte> disk(boot + 128 * 512);
-  disk[0x1BE + 4] = std::byte{0x07};
-  test::Put32(disk, 0x1BE + 8, 2048);
-  test::Put32(disk, 0x1BE + 12, 128);
-  test::PutText(disk, boot + 3, "NTFS    ");
-  test::Put16(disk, boot + 0x0B, 512);
-  disk[boot + 0x0D] = std::byte{spc_byte};
-  test::Put64(disk, boot + 0x30, mft_cluster);
-  for (std::size_t at : {std::size_t{0}, boot}) test::Put16(disk, at + 510, 0xAA55);
-  const std::size_t at = boot + mft_cluster * 8 * 512;
+  std::vector<std::byte> disk =
+      test::DiskImage(2048 + 128).Entry(0, 0, 0x07, 2048, 128).Boot(2048, boot::kNtfsOemId, spc_byte, mft_cluster);
+  const std::size_t at = (2048 + mft_cluster * 8) * 512;
   if (at + record0.size() <= disk.size()) std::copy(record0.begin(), record0.end(), disk.begin() + at);
   return disk;
 }
@@ -154,5 +145,3 @@ TEST(GetMFTSectorRanges, RealRecordsOnAFourKSectorDisk) {
 
 }  // namespace
 }  // namespace koru
-
-#endif  // _WIN32

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "platform/posix_env.h"
+#include "support/disk_image.h"
 #include "support/fault_env.h"
 #include "support/temp_disk.h"
 #include "support/trace_capture.h"
@@ -19,22 +19,8 @@ using test::TraceCapture;
 using Image = std::vector<std::byte>;
 
 // A bare volume of 64 sectors of 512 bytes whose boot sector says what the test wants.
-Image Volume(std::uint8_t sectors_per_cluster, std::uint64_t mft_cluster, const char* oem = "NTFS    ") {
-  Image disk(64 * 512);
-  test::PutText(disk, 3, oem);
-  test::Put16(disk, 0x0B, 512);
-  disk[0x0D] = std::byte{sectors_per_cluster};
-  test::Put64(disk, 0x30, mft_cluster);
-  test::Put16(disk, 510, 0xAA55);
-  return disk;
-}
-
-// `boot` placed at `start` on a disk of `sector_size`-byte sectors.
-Image At(const Image& boot, std::uint64_t start, std::uint32_t sector_size = 512) {
-  Image disk((start + 2) * sector_size);
-  std::copy_n(boot.begin(), std::min<std::size_t>(boot.size(), sector_size),
-              disk.begin() + static_cast<std::ptrdiff_t>(start * sector_size));
-  return disk;
+Image Volume(std::uint8_t sectors_per_cluster, std::uint64_t mft_cluster, const char* oem = boot::kNtfsOemId) {
+  return test::DiskImage(64).Boot(0, oem, sectors_per_cluster, mft_cluster);
 }
 
 struct Read {
@@ -84,7 +70,7 @@ TEST(BootSector, DecodesTheSectorsPerClusterByte) {
 
 TEST(BootSector, TracesEveryValueOfASuccessfulRead) {
   TraceCapture trace;
-  Read r = ReadBoot(At(Volume(0xF4, 3), 4), 4);
+  Read r = ReadBoot(test::DiskImage(6).Boot(4, boot::kNtfsOemId, 0xF4, 3), 4);
   ASSERT_TRUE(r.ok);
   EXPECT_EQ(r.mft_sector, 4u + 4096u * 3u);  // the volume's start is added
   EXPECT_EQ(trace.lines(), (std::vector<std::wstring>{
@@ -145,8 +131,9 @@ TEST(BootSector, RealBootSectorsGiveTheAbsoluteMftSectorAndTheRecordSize) {
                {"boot-sectors/dfir-128k.boot", 512, 0, 256, 24576, 1024}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
-    Read r = ReadBoot(At(test::ReadFileBytes(test::SharedImage(c.file)), c.start, c.bytes_per_sector), c.start,
-                      c.bytes_per_sector);
+    const auto disk = test::DiskImage(c.start + 2, c.bytes_per_sector)
+                          .Place(c.start, test::ReadFileBytes(test::SharedImage(c.file)));
+    Read r = ReadBoot(disk, c.start, c.bytes_per_sector);
     ASSERT_TRUE(r.ok);
     EXPECT_EQ(r.mft_sector, c.start + c.sectors_per_cluster * c.mft_cluster);
     EXPECT_EQ(r.boot.m_dwFileRecordSize, c.record_size);

@@ -23,13 +23,15 @@ new_disk() { rm -f "$1" && truncate -s "$2" "$1"; }
 partition() { sfdisk -q --wipe always "$1" >/dev/null 2>&1 || fail "sfdisk on $1"; }
 
 # Formats NTFS into [START, START + COUNT) sectors of image $1 ($2 START, $3 COUNT, $4
-# the disk's sector size, default 512): mkntfs on a file of the partition's size,
-# told where the partition starts, then written into place.
+# the disk's sector size, default 512, $5 the cluster size, default mkntfs's): mkntfs
+# on a file of the partition's size, told where the partition starts, then written
+# into place.
 mkntfs_at() {
-  local img=$1 start=$2 count=$3 bps=${4:-512} part
+  local img=$1 start=$2 count=$3 bps=${4:-512} cluster=${5:-} part
   part=$(mktemp "$(dirname "$img")/part.XXXXXX")
   truncate -s $((count * bps)) "$part"
-  mkntfs -F -Q -q -s "$bps" -p "$start" -H 255 -S 63 "$part" >/dev/null 2>&1 || fail "mkntfs at $start"
+  mkntfs -F -Q -q -s "$bps" ${cluster:+-c "$cluster"} -p "$start" -H 255 -S 63 "$part" >/dev/null 2>&1 ||
+    fail "mkntfs at $start"
   dd if="$part" of="$img" bs="$bps" seek="$start" conv=notrunc,sparse status=none || fail "dd into $img"
   rm -f "$part"
 }

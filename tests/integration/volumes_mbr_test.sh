@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # vmft volumes on an mkntfs-made MBR disk with two NTFS partitions and a FAT one
-# between them, against mmls; then the plain listing, pinned letters, and the same
-# disk attached twice.
+# between them, against mmls; then the plain listing, pinned letters, and the disk
+# attached with a clone of it.
 source "$(dirname "$0")/lib.sh"
 need mkntfs sfdisk mmls python3
 work=$(work_dir volumes-mbr)
@@ -36,13 +36,23 @@ pinned=$("$VMFT" --disk "$disk" --volume G=0:3 volumes | cut -c1)
 [[ $pinned == $'C\nG' ]] || fail "pinned letters: $pinned"
 "$VMFT" --disk "$disk" --volume B=0:1 volumes >/dev/null 2>&1 && fail "letter B accepted"
 
-# The same disk twice: four volumes, the second pair on disk 1 with the same names.
-json=$("$VMFT" --disk "$disk" --disk "$disk" volumes --json)
-python3 - "$json" <<'PY' || fail "two disks: $json"
+# A disk and its clone (the usual recovery set-up) whose second volume was formatted
+# anew: four volumes with names of their own, the same on every run, and the clone's
+# letters read the clone.
+clone=$work/clone.img
+cp --sparse=always "$disk" "$clone"
+mkntfs_at "$clone" 51200 40960 512 1024
+json=$("$VMFT" --disk "$disk" --disk "$clone" volumes --json)
+[[ $json == "$("$VMFT" --disk "$disk" --disk "$clone" volumes --json)" ]] || fail "names differ between runs"
+python3 - "$json" <<'PY' || fail "a disk and its clone: $json"
 import json, sys
 v = json.loads(sys.argv[1])
 assert [x["letter"] for x in v] == ["C", "D", "E", "F"], v
 assert [x["disk"] for x in v] == [0, 0, 1, 1], v
-assert v[0]["volume_name"] == v[2]["volume_name"] and v[0]["volume_name"] != v[1]["volume_name"], v
+assert len({x["volume_name"] for x in v}) == 4, v
 PY
-echo "ok: plain listing, pins, two disks"
+ours=$("$VMFT" --disk "$disk" --disk "$clone" ranges F) || fail "vmft ranges F on the clone"
+theirs=$(tsk_mft_ranges "$clone" 51200 512)
+[[ $theirs != "$(tsk_mft_ranges "$disk" 51200 512)" ]] || fail "the clone's second volume did not change"
+[[ $ours == "$theirs" ]] || fail "ranges F read the first disk: $ours, istat on the clone: $theirs"
+echo "ok: plain listing, pins, a disk and its clone"

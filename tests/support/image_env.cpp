@@ -2,43 +2,21 @@
 
 #include <algorithm>
 #include <cstring>
-#include <cwchar>
-#include <cwctype>
 #include <string>
 
-#include "base/ntfs_layout.h"
-#include "base/bytes.h"
-
 namespace koru::test {
-namespace {
-
-std::wstring Upper(std::wstring text) {
-  for (auto& c : text) c = static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(c)));
-  return text;
-}
-
-// Copies an IOCTL's answer out, as Windows does when the buffer holds it.
-template <typename T>
-bool Answer(const T& answer, void* out, DWORD out_size, DWORD* returned) {
-  if (out_size < sizeof answer) return false;
-  std::memcpy(out, &answer, sizeof answer);
-  *returned = static_cast<DWORD>(sizeof answer);
-  return true;
-}
-
-}  // namespace
 
 ImageEnv::ImageEnv(platform::Env& inner, std::vector<std::byte> image, std::uint32_t sector_size)
-    : FaultEnv(inner), inner_(inner), image_(std::move(image)), sector_size_(sector_size) {
-  const Bytes bytes(image_);
-  bare_volume_ = boot::HasOemId(bytes, boot::kNtfsOemId) || boot::HasOemId(bytes, boot::kBitLockerOemId);
-  const std::uint16_t own = le16Or0(bytes, boot::kBytesPerSector);
-  if (sector_size_ == 0) sector_size_ = bare_volume_ && (own == 512 || own == 4096) ? own : 512;
-  // The name the Linux personality gives a bare volume: disk signature field, "KORU", offset 0.
-  wchar_t name[64];
-  std::swprintf(name, 64, L"\\\\?\\Volume{%08X-4B4F-5255-0000-000000000000}\\",
-                static_cast<unsigned>(le32Or0(bytes, 0x1B8)));
-  volume_name_ = name;
+    : FaultEnv(inner), inner_(inner), image_(std::move(image)) {
+  platform::DiskSource disk;
+  disk.size = static_cast<std::int64_t>(image_.size());
+  disk.sector_size = sector_size;
+  disk.read_at = [this](std::uint64_t offset, std::span<std::byte> out) {
+    if (offset > image_.size() || out.size() > image_.size() - offset) return false;
+    std::copy_n(image_.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
+    return true;
+  };
+  map_ = platform::DiskMap({disk}, {});
 }
 
 bool ImageEnv::Fail(DWORD error) {
@@ -53,13 +31,13 @@ ImageEnv::Open* ImageEnv::Find(platform::HANDLE handle) {
 
 platform::HANDLE ImageEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition,
                                        DWORD flags) {
-  std::wstring name = Upper(path ? path : L"");
+  const std::wstring name = path ? path : L"";
   if (name.rfind(L"\\\\.\\", 0) != 0 && name.rfind(L"\\\\?\\", 0) != 0)
     return FaultEnv::CreateFileW(path, access, share, disposition, flags);
-  if (name.back() != L'\\') name += L'\\';
-  const bool volume = bare_volume_ && (name == L"\\\\.\\C:\\" || name == Upper(volume_name_));
-  if (!volume && name != L"\\\\.\\PHYSICALDRIVE0\\") {
-    Fail(platform::kErrorFileNotFound);
+  Open open;
+  DWORD error = platform::kErrorFileNotFound;
+  if (!map_.Resolve(name, &open.device, &error)) {
+    Fail(error);
     return platform::InvalidHandle();
   }
   if ((access & (platform::kGenericWrite | platform::kFileAppendData)) != 0) {
@@ -67,7 +45,7 @@ platform::HANDLE ImageEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD 
     return platform::InvalidHandle();
   }
   const std::uintptr_t id = (next_ += 4);
-  open_[id] = Open{volume, 0};
+  open_[id] = open;
   inner_.SetLastError(platform::kErrorSuccess);
   return reinterpret_cast<platform::HANDLE>(id);
 }
@@ -75,9 +53,11 @@ platform::HANDLE ImageEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD 
 bool ImageEnv::ReadFile(platform::HANDLE file, void* buffer, DWORD to_read, DWORD* read) {
   Open* open = Find(file);
   if (!open) return FaultEnv::ReadFile(file, buffer, to_read, read);
-  // Past the end is a short read, as a disk gives it.
-  const auto n = std::clamp<std::int64_t>(static_cast<std::int64_t>(image_.size()) - open->position, 0, to_read);
-  if (n > 0) std::memcpy(buffer, image_.data() + open->position, static_cast<std::size_t>(n));
+  // Past the end of the device, or of the image, is a short read, as a disk gives it.
+  const auto left =
+      std::min(open->device.base + open->device.length, static_cast<std::int64_t>(image_.size())) - open->device.base;
+  const auto n = open->position >= left ? 0 : std::min<std::int64_t>(left - open->position, to_read);
+  if (n > 0) std::memcpy(buffer, image_.data() + open->device.base + open->position, static_cast<std::size_t>(n));
   open->position += n;
   if (read) *read = static_cast<DWORD>(n);
   inner_.SetLastError(platform::kErrorSuccess);
@@ -104,27 +84,18 @@ bool ImageEnv::DeviceIoControl(platform::HANDLE device, DWORD code, const void* 
                                DWORD out_size, DWORD* returned) {
   const Open* open = Find(device);
   if (!open) return FaultEnv::DeviceIoControl(device, code, in, in_size, out, out_size, returned);
-  *returned = 0;
-  const auto size = static_cast<std::int64_t>(image_.size());
-  if (code == platform::kIoctlVolumeGetVolumeDiskExtents && open->volume) {
-    // One extent, all of disk 0, after the 8-byte header holding the count.
-    const struct { std::uint32_t count, pad; platform::DISK_EXTENT extent; } extents{1, 0, {0, 0, size}};
-    static_assert(offsetof(decltype(extents), extent) == platform::kVolumeDiskExtentsHeader);
-    return Answer(extents, out, out_size, returned) || Fail(platform::kErrorMoreData);
-  }
-  if (code == platform::kIoctlDiskGetDriveGeometryEx) {
-    platform::DISK_GEOMETRY_EX geometry{};
-    geometry.Geometry.BytesPerSector = sector_size_;
-    geometry.DiskSize = size;
-    return Answer(geometry, out, out_size, returned) || Fail(platform::kErrorInsufficientBuffer);
-  }
-  return Fail(platform::kErrorInvalidFunction);  // a physical drive is not a volume
+  DWORD error = 0, count = 0;
+  const bool ok = map_.DeviceIoControl(open->device, code, out, out_size, &count, &error);
+  if (returned) *returned = count;
+  return ok || Fail(error);
 }
 
 bool ImageEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wchar_t* buffer, DWORD size) {
-  if (!bare_volume_ || Upper(mount_point) != L"C:\\") return Fail(platform::kErrorFileNotFound);
-  if (volume_name_.size() + 1 > size) return Fail(platform::kErrorFilenameExcedRange);
-  std::wcscpy(buffer, volume_name_.c_str());
+  std::wstring name;
+  DWORD error = 0;
+  if (!map_.VolumeNameForMountPoint(mount_point ? mount_point : L"", &name, &error)) return Fail(error);
+  if (buffer == nullptr || name.size() + 1 > size) return Fail(platform::kErrorFilenameExcedRange);
+  std::copy_n(name.c_str(), name.size() + 1, buffer);
   return true;
 }
 

@@ -9,7 +9,7 @@
 #include "koru_mft/tool.h"
 #include "support/image_env.h"
 #if !defined(_WIN32)
-#include "platform/posix_env.h"
+#include "platform/posix_disks.h"
 #endif
 
 namespace koru::test {

@@ -1,7 +1,7 @@
 // A disk image written by a test and attached as \\.\PhysicalDrive0, so the core
 // reads it through the same calls as a real disk: through PosixEnv on Linux, and on
-// Windows through an ImageEnv installed for the object's life (a bare NTFS volume is
-// also C: there; partition tables are read only on Linux).
+// Windows through an ImageEnv installed for the object's life. Its volumes are
+// lettered from C: on both.
 #pragma once
 
 #include <cstddef>

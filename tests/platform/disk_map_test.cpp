@@ -1,0 +1,259 @@
+// The disk map over byte images: partition scans, sector sizes, letters, volume
+// names, device paths and the IOCTL answers.
+#include "platform/disk_map.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <tuple>
+
+#include "support/disk_image.h"
+
+namespace platform {
+namespace {
+
+using koru::test::DiskImage;
+using Image = std::vector<std::byte>;
+constexpr std::uint32_t kMiB = 1024 * 1024;
+constexpr const char* kNtfs = koru::boot::kNtfsOemId;
+constexpr const char* kBitLocker = koru::boot::kBitLockerOemId;
+
+DiskSource Source(const Image& image, DWORD sector_size = 0) {
+  return {[&image](std::uint64_t offset, std::span<std::byte> out) {
+            if (offset > image.size() || out.size() > image.size() - offset) return false;
+            std::copy_n(image.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
+            return true;
+          },
+          static_cast<std::int64_t>(image.size()), sector_size};
+}
+
+DiskMap Map(const std::vector<const Image*>& images, const std::vector<LetterPin>& pins = {}) {
+  std::vector<DiskSource> sources;
+  for (const Image* image : images) sources.push_back(Source(*image));
+  return DiskMap(sources, pins);
+}
+
+// letter, disk, partition, offset, length, kind of every volume.
+using Row = std::tuple<wchar_t, int, int, std::int64_t, std::int64_t, std::wstring>;
+std::vector<Row> Rows(const DiskMap& map) {
+  std::vector<Row> rows;
+  for (const auto& v : map.volumes()) rows.emplace_back(v.letter, v.disk, v.partition, v.offset, v.length, v.kind);
+  return rows;
+}
+
+TEST(DiskMap, SectorSizeIsGivenElseFoundOnTheDisk) {
+  // An MBR disk of 4096-byte sectors: its volume is only where 4096 puts it.
+  const Image mbr4k = DiskImage(16 * kMiB / 4096, 4096).Entry(0, 0, 0x07, 256, 2048).Boot(256);
+  const struct {
+    Image image;
+    DWORD given, want;
+    std::size_t volumes;
+  } cases[] = {{DiskImage(2048).Gpt(), 0, 512, 0},
+               {DiskImage(256, 4096).Gpt(), 0, 4096, 0},
+               {DiskImage(512).Boot(0, kNtfs, 8, 4, 4096), 0, 4096, 1},
+               {DiskImage(512).Boot(0, kBitLocker, 8, 4, 4096), 0, 4096, 1},
+               {DiskImage(512).Boot(0, kNtfs, 8, 4, 4095), 0, 512, 1},  // not a power of two
+               {DiskImage(64), 0, 512, 0},
+               {mbr4k, 0, 4096, 1},
+               {DiskImage(512).Boot(0, kNtfs, 8, 4, 4096), 512, 512, 1},  // a given size is believed
+               {mbr4k, 512, 512, 0},
+               {DiskImage(64), 2048, 2048, 0},
+               {DiskImage(64), 1000, 512, 0}};  // not a sector size
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    const ScannedDisk disk = ScanDisk(Source(c.image, c.given));
+    EXPECT_EQ(disk.sector_size, c.want);
+    EXPECT_EQ(disk.volumes.size(), c.volumes);
+  }
+}
+
+// Disk 0: MBR with NTFS, FAT, and an extended partition holding NTFS and BitLocker
+// logicals; disk 1: GPT with two NTFS partitions; disk 2: nothing.
+struct ThreeDisks {
+  Image mbr = DiskImage(64 * kMiB / 512)
+                  .Signature(0x12345678)
+                  .Entry(0, 0, 0x07, 2048, 8192)
+                  .Boot(2048)
+                  .Entry(0, 1, 0x0C, 10240, 2048)
+                  .Boot(10240, "MSDOS5.0")
+                  .Entry(0, 2, 0x0F, 20480, 100000)
+                  .Entry(20480, 0, 0x07, 2048, 4096)  // EBR: logical at +2048, next EBR at +40960
+                  .Entry(20480, 1, 0x05, 40960, 8192)
+                  .Boot(20480 + 2048)
+                  .Entry(20480 + 40960, 0, 0x07, 2048, 4096)
+                  .Boot(20480 + 40960 + 2048, kBitLocker);
+  Image gpt = DiskImage(16384).Gpt().GptEntry(0, 34, 2081, 0x10).GptEntry(1, 4096, 8191, 0x20).Boot(34).Boot(4096);
+  Image empty = Image(4096);
+  DiskMap Map(const std::vector<LetterPin>& pins = {}) const { return platform::Map({&mbr, &gpt, &empty}, pins); }
+};
+
+TEST(DiskMap, VolumesAreLetteredDiskByDiskInTableOrderUnlessPinned) {
+  const ThreeDisks disks;
+  const DiskMap map = disks.Map();
+  EXPECT_EQ(Rows(map), (std::vector<Row>{{L'C', 0, 1, 2048 * 512, 8192 * 512, L"NTFS"},
+                                         {L'D', 0, 5, (20480 + 2048) * 512, 4096 * 512, L"NTFS"},
+                                         {L'E', 0, 6, (20480 + 40960 + 2048) * 512, 4096 * 512, L"BitLocker"},
+                                         {L'F', 1, 1, 34 * 512, 2048 * 512, L"NTFS"},
+                                         {L'G', 1, 2, 4096 * 512, 4096 * 512, L"NTFS"}}));
+  // MBR volumes: disk signature, "KORU", byte offset; GPT ones: the partition GUID.
+  EXPECT_EQ(map.volumes()[0].guid, L"{12345678-4B4F-5255-0000-000000100000}");
+  EXPECT_EQ(map.volumes()[3].guid, L"{13121110-1514-1716-1819-1A1B1C1D1E1F}");
+  EXPECT_EQ(map.disk_count(), 3u);
+
+  // Pins first (one on the FAT partition does nothing), then the rest from C:.
+  const DiskMap pinned = disks.Map({{L'C', 1, 2}, {L'Z', 0, 6}, {L'X', 0, 2}, {L'Y', 0, 6}});
+  std::vector<wchar_t> letters;
+  for (const auto& v : pinned.volumes()) letters.push_back(v.letter);
+  EXPECT_EQ(letters, (std::vector<wchar_t>{L'D', L'E', L'Z', L'F', L'C'}));
+}
+
+TEST(DiskMap, BrokenTablesEndTheScanWithWhatWasFound) {
+  const struct {
+    Image image;
+    std::vector<std::int64_t> offsets;
+  } cases[] = {
+      // An EBR chain whose second link points at itself.
+      {DiskImage(8192)
+           .Entry(0, 0, 0x05, 2048, 4096)
+           .Entry(2048, 0, 0x07, 64, 128)
+           .Entry(2048, 1, 0x05, 1024, 128)
+           .Entry(2048 + 1024, 0, 0x07, 64, 128)
+           .Entry(2048 + 1024, 1, 0x05, 1024, 128)
+           .Boot(2048 + 64)
+           .Boot(2048 + 1024 + 64),
+       {(2048 + 64) * 512, (2048 + 1024 + 64) * 512}},
+      // One whose link leaves the disk.
+      {DiskImage(8192)
+           .Entry(0, 0, 0x0F, 2048, 4096)
+           .Entry(2048, 0, 0x07, 64, 128)
+           .Entry(2048, 1, 0x05, 1024, 128)
+           .Entry(2048 + 1024, 1, 0x05, 0x7FFFFFFF, 128)
+           .Boot(2048 + 64),
+       {(2048 + 64) * 512}},
+      // GPT entries beyond the disk, absurd counts and sizes, or backwards and huge ranges.
+      {DiskImage(64).Gpt(128, 128, 1ull << 39).Boot(34), {}},
+      {DiskImage(64).Gpt(0xFFFFFFFF, 0xFFFFFFFF).GptEntry(0, 34, 40, 1).Boot(34), {}},
+      {DiskImage(64).Gpt().GptEntry(0, 0xFFFFFFFFFFFFFFF0ull, ~0ull, 1).GptEntry(1, 40, 30, 2).GptEntry(2, 34, 40, 3).Boot(34),
+       {34 * 512}},
+      // A table that runs past the disk's end keeps the entries before it.
+      {DiskImage(40).Gpt(1000).GptEntry(0, 34, 39, 1).Boot(34), {34 * 512}},
+      // A partition beyond the end.
+      {DiskImage(64).Entry(0, 0, 0x07, 1000, 8).Entry(0, 1, 0x07, 8, 8).Boot(8), {8 * 512}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    std::vector<std::int64_t> offsets;
+    for (const auto& v : ScanDisk(Source(c.image)).volumes) offsets.push_back(v.offset);
+    EXPECT_EQ(offsets, c.offsets);
+  }
+}
+
+// A disk attached with its clone (the usual recovery set-up): every volume keeps a
+// name of its own, the first disk keeps its natural names, the clone's MBR volumes
+// share one new signature, and the same disks in the same order give the same names.
+TEST(DiskMap, ADiskAndItsCloneGetNamesOfTheirOwn) {
+  const Image mbr = DiskImage(16384).Signature(0xCAFEF00D).Entry(0, 0, 0x07, 2048, 4096).Entry(0, 1, 0x07, 8192, 4096)
+                        .Boot(2048).Boot(8192);
+  const Image gpt = DiskImage(16384).Gpt().GptEntry(0, 2048, 4095, 0x40).Boot(2048);
+  const Image bare = DiskImage(64).Boot(0);
+  const std::vector<const Image*> disks = {&mbr, &gpt, &bare, &mbr, &gpt, &bare, &mbr};
+  const DiskMap map = Map(disks);
+  ASSERT_EQ(map.volumes().size(), 10u);
+  std::set<std::wstring> names;
+  for (std::size_t i = 0; i < map.volumes().size(); ++i) {
+    const MappedVolume& v = map.volumes()[i];
+    names.insert(v.guid);
+    DeviceWindow device;
+    DWORD error = 0;
+    ASSERT_TRUE(map.Resolve(L"\\\\?\\Volume" + v.guid, &device, &error));
+    EXPECT_EQ(device.volume, static_cast<int>(i));
+    EXPECT_EQ(device.disk, v.disk);
+  }
+  EXPECT_EQ(names.size(), 10u);
+  EXPECT_EQ(map.volumes()[0].guid, L"{CAFEF00D-4B4F-5255-0000-000000100000}");
+  EXPECT_EQ(map.volumes()[2].guid, L"{43424140-4544-4746-4849-4A4B4C4D4E4F}");
+  const std::wstring& e = map.volumes()[4].guid;
+  EXPECT_EQ(e.substr(9), L"-4B4F-5255-0000-000000100000}");
+  EXPECT_EQ(map.volumes()[5].guid.substr(0, 9), e.substr(0, 9));  // one new signature for the clone
+  EXPECT_EQ(map.volumes()[8].guid.substr(0, 9), map.volumes()[9].guid.substr(0, 9));
+  EXPECT_NE(map.volumes()[8].guid.substr(0, 9), e.substr(0, 9));  // a third copy: another one
+  const DiskMap again = Map(disks);
+  for (std::size_t i = 0; i < map.volumes().size(); ++i) EXPECT_EQ(again.volumes()[i].guid, map.volumes()[i].guid);
+}
+
+TEST(DiskMap, DevicePathsNameDisksAndVolumes) {
+  const ThreeDisks disks;
+  const DiskMap map = disks.Map();
+  const std::wstring g = map.volumes()[3].guid;
+  const struct {
+    std::wstring path;
+    int disk, volume;  // -1, -1: not found
+    std::int64_t base, length;
+  } cases[] = {{L"\\\\.\\PhysicalDrive1", 1, -1, 0, 16384 * 512},
+               {L"\\\\.\\physicaldrive2", 2, -1, 0, 4096},
+               {L"\\\\.\\PhysicalDrive3", -1, -1, 0, 0},
+               {L"\\\\.\\PhysicalDrive0x", -1, -1, 0, 0},
+               {L"\\\\.\\e:", 0, 2, (20480 + 40960 + 2048) * 512, 4096 * 512},
+               {L"\\\\.\\H:", -1, -1, 0, 0},
+               {L"\\\\?\\Volume" + g, 1, 3, 34 * 512, 2048 * 512},
+               {L"\\\\.\\volume{13121110-1514-1716-1819-1a1b1c1d1e1f}\\", 1, 3, 34 * 512, 2048 * 512},
+               {L"Volume" + g, -1, -1, 0, 0},
+               {L"\\\\?\\Volume{00000000-0000-0000-0000-000000000000}", -1, -1, 0, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.path));
+    DeviceWindow device;
+    DWORD error = 0;
+    ASSERT_EQ(map.Resolve(c.path, &device, &error), c.disk >= 0);
+    if (c.disk < 0) {
+      EXPECT_EQ(error, kErrorFileNotFound);
+      continue;
+    }
+    EXPECT_EQ(std::make_tuple(device.disk, device.volume, device.base, device.length),
+              std::make_tuple(c.disk, c.volume, c.base, c.length));
+  }
+  std::wstring name;
+  DWORD error = 0;
+  ASSERT_TRUE(map.VolumeNameForMountPoint(L"f:\\", &name, &error));
+  EXPECT_EQ(name, L"\\\\?\\Volume" + g + L"\\");
+  EXPECT_FALSE(map.VolumeNameForMountPoint(L"H:\\", &name, &error));
+  EXPECT_EQ(error, kErrorFileNotFound);
+  EXPECT_FALSE(map.VolumeNameForMountPoint(L"F:", &name, &error));
+  EXPECT_EQ(error, kErrorInvalidName);
+}
+
+TEST(DiskMap, DevicesAnswerTheCoresIoctls) {
+  const ThreeDisks disks;
+  const DiskMap map = disks.Map();
+  DeviceWindow volume, disk;
+  DWORD error = 0, returned = 0;
+  ASSERT_TRUE(map.Resolve(L"\\\\.\\D:", &volume, &error));
+  ASSERT_TRUE(map.Resolve(L"\\\\.\\PhysicalDrive0", &disk, &error));
+  unsigned char out[64] = {};
+  ASSERT_TRUE(map.DeviceIoControl(volume, kIoctlVolumeGetVolumeDiskExtents, out, 64, &returned, &error));
+  DISK_EXTENT extent{};
+  std::memcpy(&extent, out + kVolumeDiskExtentsHeader, sizeof extent);
+  EXPECT_EQ(std::make_tuple(returned, extent.DiskNumber, extent.StartingOffset, extent.ExtentLength),
+            std::make_tuple(32u, 0u, std::int64_t{(20480 + 2048) * 512}, std::int64_t{4096 * 512}));
+  DISK_GEOMETRY_EX geometry{};
+  ASSERT_TRUE(map.DeviceIoControl(volume, kIoctlDiskGetDriveGeometryEx, &geometry, sizeof geometry, &returned, &error));
+  EXPECT_EQ(std::make_tuple(geometry.Geometry.BytesPerSector, geometry.DiskSize, returned),
+            std::make_tuple(512u, std::int64_t{64 * kMiB}, 40u));
+  const struct {
+    DeviceWindow device;
+    DWORD code, size, error;
+  } refused[] = {{volume, kIoctlVolumeGetVolumeDiskExtents, 31, kErrorInvalidParameter},  // not even one extent
+                 {disk, kIoctlVolumeGetVolumeDiskExtents, 64, kErrorInvalidFunction},  // a disk is not a volume
+                 {disk, 0x12345678, 64, kErrorInvalidFunction},
+                 {disk, kIoctlDiskGetDriveGeometryEx, 23, kErrorInsufficientBuffer},
+                 {{7, -1, 0, 0}, kIoctlDiskGetDriveGeometryEx, 64, kErrorInvalidHandle}};  // no such disk (any more)
+  for (const auto& r : refused) {
+    SCOPED_TRACE(r.code);
+    EXPECT_FALSE(map.DeviceIoControl(r.device, r.code, out, r.size, &returned, &error));
+    EXPECT_EQ(error, r.error);
+  }
+}
+
+}  // namespace
+}  // namespace platform

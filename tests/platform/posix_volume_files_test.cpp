@@ -1,0 +1,364 @@
+// The file-level calls on a lettered volume, through PosixEnv, on volumes made by
+// mkntfs and ntfs-3g (tests/platform/volume_files_images.sh), checked against what
+// The Sleuth Kit's own tools (fls, istat, ifind) say about the same volume.
+#include "platform/posix_volume_files.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "base/utf8.h"
+#include "koru_mft/tool.h"
+#include "platform/posix_env.h"
+#include "platform/posix_volume_paths.h"
+
+namespace platform {
+namespace {
+
+using Links = std::multimap<std::uint64_t, std::string>;  // record -> "dir/name", as fls prints paths
+
+std::string Shell(const std::string& command) {
+  std::string out;
+  if (FILE* pipe = ::popen(command.c_str(), "r")) {
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+    ::pclose(pipe);
+  }
+  return out;
+}
+
+std::uint64_t Ifind(const std::string& image, const std::string& path) {
+  return std::stoull(Shell("ifind -n '" + path + "' '" + image + "'"));
+}
+
+// The names fls lists, less what Windows does not list either: NTFS's own files,
+// named streams and the $OrphanFiles folder The Sleuth Kit makes up.
+Links Fls(const std::string& image) {
+  Links links;
+  std::istringstream in(Shell("fls -r -p -u '" + image + "'"));
+  for (std::string line; std::getline(in, line);) {
+    const std::uint64_t record = std::stoull(line.substr(4));
+    const std::string path = line.substr(line.find(":\t") + 2);
+    if (record >= 16 && path.find(':') == std::string::npos && path.rfind("$OrphanFiles", 0) != 0)
+      links.emplace(record, path);
+  }
+  return links;
+}
+
+// What only one side holds, one "record path" per line.
+std::string Difference(const Links& ours, const Links& theirs) {
+  std::ostringstream out;
+  for (const auto& [a, b, mark] : {std::tuple(&ours, &theirs, "ours only: "), std::tuple(&theirs, &ours, "fls only: ")})
+    for (const auto& link : *a)
+      if (std::find(b->begin(), b->end(), link) == b->end()) out << mark << link.first << " " << link.second << "\n";
+  return out.str();
+}
+
+std::string Slashed(std::wstring path) {  // \a\b -> a/b
+  for (auto& c : path) c = c == L'\\' ? L'/' : c;
+  return koru::Utf8FromWide(path.substr(1));
+}
+
+class VolumeFiles : public ::testing::Test {
+ protected:
+  void Attach(const std::string& name) {
+    image_ = std::string(KORU_TEST_TMP) + "/volume-files/" + name;
+    if (!std::filesystem::exists(image_)) GTEST_SKIP() << image_ << " was not made (volume_files_images needs root)";
+    posix::ResetDisks();
+    std::string error;
+    ASSERT_TRUE(koru::tool::AttachDisk(image_, &error)) << error;
+  }
+  void TearDown() override { posix::ResetDisks(); }
+
+  HANDLE Open(const std::wstring& path, DWORD access = kFileReadAttributes, DWORD flags = kFileFlagBackupSemantics) {
+    return env_.CreateFileW((L"\\\\?\\C:" + path).c_str(), access, kFileShareRead, kOpenExisting, flags);
+  }
+  std::uint64_t Id(const std::wstring& path, DWORD* links = nullptr) {
+    ByHandleFileInformation info;
+    const HANDLE h = Open(path);
+    EXPECT_TRUE(IsValid(h) && env_.GetFileInformationByHandle(h, &info)) << koru::Utf8FromWide(path) << " " << env_.GetLastError();
+    env_.CloseHandle(h);
+    if (links != nullptr) *links = info.nNumberOfLinks;
+    return std::uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow;
+  }
+  HANDLE OpenById(std::uint64_t reference, const wchar_t* hint = L"\\\\.\\C:") {
+    const HANDLE volume = env_.CreateFileW(hint, kGenericRead, 3, kOpenExisting, 0);
+    FileIdDescriptor id;
+    id.FileId = static_cast<std::int64_t>(reference);
+    const HANDLE h = env_.OpenFileById(volume, &id, kSynchronize | kFileReadAttributes, 3,
+                                       kFileFlagBackupSemantics | kFileFlagOpenReparsePoint);
+    const DWORD error = env_.GetLastError();
+    env_.CloseHandle(volume);
+    env_.SetLastError(error);
+    return h;
+  }
+  // The path by id as the hard-link scan reads it, its buffer grown by 520 bytes while
+  // short (unless `size` is given); 0 or the error.
+  DWORD NameById(std::uint64_t reference, std::wstring* name = nullptr, DWORD size = 0) {
+    const HANDLE h = OpenById(reference);
+    if (!IsValid(h)) return env_.GetLastError();
+    std::vector<unsigned char> buffer(size ? size : 524);
+    bool ok;
+    while (!(ok = env_.GetFileInformationByHandleEx(h, kFileNameInfo, buffer.data(), buffer.size())) && size == 0 &&
+           env_.GetLastError() == kErrorMoreData)
+      buffer.resize(buffer.size() + 520);
+    const DWORD error = ok ? 0 : env_.GetLastError();
+    env_.CloseHandle(h);
+    std::uint32_t bytes = 0;
+    std::memcpy(&bytes, buffer.data(), sizeof bytes);
+    std::u16string units(std::min<std::size_t>(bytes, buffer.size() - 4) / 2, u'\0');
+    std::memcpy(units.data(), buffer.data() + kFileNameInfoHeader, units.size() * 2);
+    if (name != nullptr) *name = posix::WideFromUtf16(units);
+    return error;
+  }
+  // Every name FindFirstFileNameW / FindNextFileNameW give; 0 when they end with ERROR_HANDLE_EOF.
+  DWORD LinkNames(const std::wstring& path, std::vector<std::wstring>* names) {
+    wchar_t buffer[4096];
+    DWORD length = 4096;
+    const HANDLE find = env_.FindFirstFileNameW((L"\\\\?\\C:" + path).c_str(), 0, &length, buffer);
+    if (!IsValid(find)) return env_.GetLastError();
+    do names->emplace_back(buffer, length - 1);
+    while ((length = 4096, env_.FindNextFileNameW(find, &length, buffer)));
+    const DWORD error = env_.GetLastError();
+    EXPECT_TRUE(env_.FindClose(find));
+    return error == kErrorHandleEof ? 0 : error;
+  }
+  // Walks as the hard-link walk does, into every folder that is not a reparse point;
+  // the error of the first folder that fails.
+  DWORD Walk(const std::wstring& dir, Links* links) {
+    FindData data;
+    const HANDLE find = env_.FindFirstFileW((L"\\\\?\\C:" + dir + L"\\*").c_str(), &data);
+    if (!IsValid(find)) return env_.GetLastError();
+    DWORD error = 0;
+    do {
+      const std::wstring name = data.cFileName, path = dir + L"\\" + name;
+      if (name == L"." || name == L"..") continue;
+      links->emplace(Id(path) & 0xFFFFFFFFFFFFull, Slashed(path));
+      const DWORD a = data.dwFileAttributes;
+      if ((a & kFileAttributeDirectory) && !(a & kFileAttributeReparsePoint) && (error = Walk(path, links))) break;
+    } while (env_.FindNextFileW(find, &data));
+    if (error == 0 && env_.GetLastError() != kErrorNoMoreFiles) error = env_.GetLastError();
+    EXPECT_TRUE(env_.FindClose(find));
+    return error;
+  }
+
+  PosixEnv env_;
+  std::string image_;
+};
+
+TEST_F(VolumeFiles, NamesLinksAndPathsAgreeWithTheSleuthKit) {
+  for (const char* name : {"files.img", "attrlist.img"}) {
+    Attach(name);
+    if (IsSkipped()) return;
+    const Links fls = Fls(image_);
+    Links walked;
+    ASSERT_EQ(Walk(L"", &walked), 0u) << name;
+    EXPECT_EQ(Difference(walked, fls), "") << name;
+    for (auto at = fls.begin(); at != fls.end(); at = fls.upper_bound(at->first)) {
+      std::multiset<std::string> expected, listed;
+      for (auto [it, end] = fls.equal_range(at->first); it != end; ++it) expected.insert(it->second);
+      std::vector<std::wstring> names;
+      ASSERT_EQ(LinkNames(L"\\" + koru::WideFromUtf8(at->second), &names), 0u) << at->second;
+      for (const auto& n : names) listed.insert(Slashed(n));
+      EXPECT_EQ(listed, expected) << at->second;
+      DWORD links = 0;
+      std::wstring by_id;
+      ASSERT_EQ(NameById(Id(L"\\" + koru::WideFromUtf8(at->second), &links), &by_id), 0u) << at->second;
+      EXPECT_EQ(links, expected.size()) << at->second;
+      EXPECT_EQ(expected.count(Slashed(by_id)), 1u) << at->second;
+    }
+  }
+}
+
+TEST_F(VolumeFiles, AnswersAsWindowsDoes) {
+  Attach("files.img");
+  if (IsSkipped()) return;
+  EXPECT_EQ(koru::tool::FileLevelProblem(L'C'), "");
+  // A DOS alias is a name istat counts but Win32 does not, and it opens the file.
+  const std::string stat = Shell("istat '" + image_ + "' " + std::to_string(Ifind(image_, "ProgramData/LongFileName.txt")));
+  EXPECT_NE(stat.find("Links: 3"), std::string::npos);
+  DWORD links = 0;
+  EXPECT_EQ(Id(L"\\programdata\\LONGFI~1.TXT", &links), Id(L"\\ProgramData\\LongFileName.txt"));
+  EXPECT_EQ(links, 2u);
+
+  const std::tuple<const wchar_t*, DWORD> attributes[] = {
+      {L"C:\\", kFileAttributeDirectory | 0x26},  // hidden, system, archive
+      {L"C:\\ProgramData\\junction", kFileAttributeDirectory | kFileAttributeReparsePoint | 0x20},
+      {L"C:\\Windows\\link.dll", kFileAttributeReparsePoint | 0x20},
+      {L"\\\\?\\C:\\Users\\alice\\AppData\\Local\\secret.txt", kFileAttributeEncrypted | 0x20},
+      {L"C:\\Windows\\absent.dll", kInvalidFileAttributes},
+  };
+  for (const auto& [path, expected] : attributes) EXPECT_EQ(env_.GetFileAttributesW(path), expected) << koru::Utf8FromWide(path);
+
+  const std::tuple<const wchar_t*, DWORD, DWORD, DWORD> refused[] = {
+      {L"\\Windows\\absent.dll", kGenericRead, 0, kErrorFileNotFound},
+      {L"\\Absent\\sample.dll", kGenericRead, 0, kErrorPathNotFound},
+      {L"\\Windows\\sample.dll\\x", kGenericRead, 0, kErrorPathNotFound},
+      {L"\\ProgramData\\deleted.txt", kGenericRead, 0, kErrorFileNotFound},
+      {L"\\Windows", kGenericRead, 0, kErrorAccessDenied},  // a folder needs backup semantics
+      {L"\\Windows\\sample.dll", kGenericWrite, 0, 19},       // ERROR_WRITE_PROTECT
+      {L"\\Users\\alice\\AppData\\Local\\secret.txt", kGenericRead, kFileFlagBackupSemantics, kErrorAccessDenied},
+  };
+  for (const auto& [path, access, flags, error] : refused) {
+    EXPECT_FALSE(IsValid(Open(path, access, flags))) << koru::Utf8FromWide(path);
+    EXPECT_EQ(env_.GetLastError(), error) << koru::Utf8FromWide(path);
+  }
+  EXPECT_FALSE(env_.PathFileExistsW(L"\\\\?\\Y:\\Windows"));
+  EXPECT_EQ(env_.GetLastError(), kErrorPathNotFound);
+
+  const HANDLE file = Open(L"\\WINDOWS\\SAMPLE.DLL", kGenericRead, kFileAttributeNormal);
+  std::int64_t size = 0;
+  EXPECT_TRUE(env_.GetFileSizeEx(file, &size));
+  EXPECT_EQ(size, 15);
+  EXPECT_FALSE(env_.FindClose(file));  // each kind of handle closes its own way
+  EXPECT_TRUE(env_.CloseHandle(file));
+  EXPECT_FALSE(env_.CloseHandle(file));
+  FindData data;
+  const HANDLE find = env_.FindFirstFileW(L"C:\\Windows\\SAMPLE.*", &data);
+  EXPECT_EQ(std::wstring(data.cFileName), L"sample.dll");
+  EXPECT_FALSE(env_.CloseHandle(find));
+  EXPECT_TRUE(env_.FindClose(find));
+  for (const auto& [pattern, error] : {std::tuple(L"C:\\Absent\\*", kErrorPathNotFound),
+                                       std::tuple(L"C:\\Windows\\*.none", kErrorFileNotFound)}) {
+    EXPECT_FALSE(IsValid(env_.FindFirstFileW(pattern, &data)));
+    EXPECT_EQ(env_.GetLastError(), error) << koru::Utf8FromWide(pattern);
+  }
+}
+
+TEST_F(VolumeFiles, OpenByIdRefusesWhatIsNotAFileAndShortBuffersSayHowLong) {
+  Attach("files.img");
+  if (IsSkipped()) return;
+  const std::uint64_t reference = Id(L"\\Windows\\many.dat"), seq = reference >> 48 << 48;
+  // An extension record of the file with 41 names, found by its base reference.
+  std::vector<char> bytes(std::filesystem::file_size(image_));
+  std::ifstream(image_, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::uint64_t extension = 0, base = 0;
+  for (std::size_t at = 0; at + 1024 <= bytes.size() && extension == 0; at += 1024)
+    if (std::memcmp(&bytes[at], "FILE", 4) == 0 && (std::memcpy(&base, &bytes[at + 0x20], 6), base) == (reference & ~seq))
+      std::memcpy(&extension, &bytes[at + 0x2C], 4);
+  ASSERT_NE(extension, 0u);
+  for (const std::uint64_t refused : std::vector<std::uint64_t>{reference + (1ull << 48), extension | seq, 30, 1ull << 40}) {
+    EXPECT_FALSE(IsValid(OpenById(refused))) << std::hex << refused;
+    EXPECT_EQ(env_.GetLastError(), kErrorInvalidParameter) << std::hex << refused;
+  }
+  EXPECT_FALSE(IsValid(OpenById(reference, L"\\\\.\\PhysicalDrive0")));
+  EXPECT_EQ(env_.GetLastError(), kErrorInvalidParameter);
+  std::wstring name;
+  EXPECT_EQ(NameById(0x0005000000000005ull, &name), 0u);
+  EXPECT_EQ(name, L"\\");
+  EXPECT_EQ(NameById(reference, &name, 10), kErrorMoreData);  // the whole length, what fits of the name
+  EXPECT_EQ(name, L"\\Wi");
+
+  wchar_t buffer[64];
+  DWORD length = 5;
+  EXPECT_FALSE(IsValid(env_.FindFirstFileNameW(L"\\\\?\\C:\\Windows\\many.dat", 0, &length, buffer)));
+  EXPECT_EQ(env_.GetLastError(), kErrorMoreData);
+  EXPECT_EQ(length, std::wcslen(L"\\Windows\\many.dat") + 1);
+  const HANDLE find = env_.FindFirstFileNameW(L"\\\\?\\C:\\Windows\\many.dat", 0, &length, buffer);
+  length = 5;
+  EXPECT_FALSE(env_.FindNextFileNameW(find, &length, buffer));
+  EXPECT_EQ(env_.GetLastError(), kErrorMoreData);
+  length = 64;  // the same name again, now that it fits
+  EXPECT_TRUE(env_.FindNextFileNameW(find, &length, buffer));
+  EXPECT_TRUE(env_.FindClose(find));
+}
+
+TEST_F(VolumeFiles, DeepPathsAreWholeOrRefused) {
+  Attach("deep.img");
+  if (IsSkipped()) return;
+  std::wstring bottom, deeper;
+  for (int i = 1; i <= 150; ++i) bottom += L"\\level-" + std::to_wstring(i) + L"-of-a-deep-chain";
+  for (int i = 0; i < 170; ++i) deeper += L"\\" + std::wstring(200, L'x');
+  std::vector<std::wstring> names;
+  EXPECT_EQ(LinkNames(L"\\top.txt", &names), 0u);
+  EXPECT_EQ(names, (std::vector<std::wstring>{L"\\top.txt", bottom + L"\\bottom.txt"}));
+  // Past what Win32 can hand out: no name rather than a cut one.
+  EXPECT_EQ(LinkNames(deeper + L"\\far.txt", &names), kErrorFilenameExcedRange);
+}
+
+TEST_F(VolumeFiles, BrokenVolumesEndWithErrors) {
+  Attach("hostile.img");
+  if (IsSkipped()) return;
+  const auto id = [&](const char* path) {
+    const std::uint64_t record = Ifind(image_, path);
+    const std::string stat = Shell("istat '" + image_ + "' " + std::to_string(record));
+    return record | std::stoull(stat.substr(stat.find("Sequence: ") + 10)) << 48;
+  };
+  // loop/a names loop/a/b as its folder; parent-of-itself is its own folder; the name
+  // of bad-name.txt runs past its attribute, so the walk meets it as a corrupt entry.
+  std::vector<std::wstring> names;
+  EXPECT_EQ(NameById(id("loop/a/b")), kErrorFileCorrupt);
+  EXPECT_EQ(NameById(id("parent-of-itself")), kErrorFileCorrupt);
+  EXPECT_EQ(LinkNames(L"\\looped.txt", &names), kErrorFileCorrupt);
+  EXPECT_EQ(NameById(id("bad-name.txt")), kErrorFileCorrupt);
+  Links walked;
+  EXPECT_EQ(Walk(L"", &walked), kErrorFileCorrupt);
+  // An index entry of "self" points back at it: the entry is dropped, and the file whose
+  // name says it lives there is found as The Sleuth Kit finds it.
+  Links self;
+  EXPECT_EQ(Walk(L"\\self", &self), 0u);
+  ASSERT_EQ(self.size(), 1u);
+  EXPECT_EQ(self.begin()->second, "self/child.txt");
+  EXPECT_NE(self.begin()->first, Ifind(image_, "self"));
+}
+
+TEST_F(VolumeFiles, ClustersTheSleuthKitRefusesGiveAReason) {
+  Attach("ntfs-2m.img");
+  if (IsSkipped()) return;
+  EXPECT_FALSE(env_.PathFileExistsW(L"\\\\?\\C:\\"));
+  EXPECT_EQ(env_.GetLastError(), posix::kErrorUnrecognizedVolume);
+  EXPECT_EQ(koru::tool::FileLevelProblem(L'D'), "there is no volume D:");
+  const std::string reason = koru::tool::FileLevelProblem(L'C');
+  EXPECT_NE(reason.find("clusters above 64 KiB, and this volume's clusters are 2048 KiB"), std::string::npos) << reason;
+}
+
+TEST_F(VolumeFiles, ThreadsShareOneVolume) {
+  Attach("files.img");
+  if (IsSkipped()) return;
+  const std::uint64_t reference = Id(L"\\Windows\\many.dat");
+  std::vector<std::wstring> answers(4);
+  std::vector<std::thread> threads;
+  for (auto& answer : answers)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 20 && NameById(reference, &answer) == 0;) ++i;
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(answers, std::vector<std::wstring>(4, L"\\Windows\\many.dat"));
+}
+
+TEST(WindowsAnswers, FoldersDefaultUnlessTheEnvironmentSetsThemAndTheHostIsNamed) {
+  PosixEnv env;
+  ::unsetenv("ProgramData");
+  ::setenv("ProgramFiles", "D:\\Apps", 1);
+  ::setenv("ProgramFiles(x86)", "", 1);  // Windows has no empty variables
+  wchar_t buffer[260];
+  const auto variable = [&](const wchar_t* name) {
+    return env.GetEnvironmentVariableW(name, buffer, 260) ? std::wstring(buffer) : std::to_wstring(env.GetLastError());
+  };
+  EXPECT_EQ(variable(L"ProgramData") + variable(L"ProgramFiles") + variable(L"ProgramFiles(x86)"),
+            L"C:\\ProgramDataD:\\Apps203");
+  EXPECT_EQ(env.GetWindowsDirectoryW(buffer, 5), 11u);  // the size needed
+  EXPECT_EQ(env.GetWindowsDirectoryW(buffer, 260), 10u);
+  EXPECT_EQ(std::wstring(buffer), L"C:\\Windows");
+  EXPECT_EQ(env.SHGetFolderPathW(kCsidlCommonDocuments, kShgfpTypeDefault, buffer), kSOk);
+  EXPECT_EQ(std::wstring(buffer), L"C:\\Users\\Public\\Documents");
+  ::unsetenv("ProgramFiles");
+  ::unsetenv("ProgramFiles(x86)");
+  DWORD size = 0;
+  ASSERT_EQ(env.GetNetworkParams(nullptr, &size), kErrorBufferOverflow);
+  std::vector<char> info(size), host(kFixedInfoHostNameSize);
+  EXPECT_EQ(env.GetNetworkParams(info.data(), &size), kErrorSuccess);
+  ::gethostname(host.data(), host.size() - 1);
+  EXPECT_STREQ(info.data(), host.data());
+}
+
+}  // namespace
+}  // namespace platform
