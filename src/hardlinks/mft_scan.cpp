@@ -81,11 +81,16 @@ void MFT::GetHardLinkList(HardLinkMap& map, std::wostream& progress) {
 
   // The header fields tested all lie before the first fixed-up word, so a record
   // read in a larger unit needs no fix-ups.
-  const auto examine = [&](Bytes record, std::uint64_t uiSectorNo) {
+  // Headers of the older layout (update sequence array at 0x2A, as Windows 2000 and
+  // Linux's ntfs3 write them) have no number field: there the key is the record's
+  // place in the MFT, which would otherwise name another file or none.
+  const auto examine = [&](Bytes record, std::uint64_t uiSectorNo, std::uint64_t place) {
     const std::uint16_t flags = le16Or0(record, layout::kRecFlags);
     const std::uint16_t links = le16Or0(record, layout::kRecLinkCount);
     if ((flags & layout::kRecFlagInUse) == 0 || (flags & layout::kRecFlagDirectory) != 0 || links < 2) return;
-    const std::uint64_t record_number = le32Or0(record, layout::kRecNumber);
+    const std::uint64_t record_number = le16Or0(record, layout::kRecUsaOffset) >= layout::kRecUpdateSequenceNumber
+                                            ? le32Or0(record, layout::kRecNumber)
+                                            : place;
     const std::uint64_t sequence = le16Or0(record, layout::kRecSequence);
     if ((le64Or0(record, layout::kRecBaseRecordLo) & kRecordMask) != 0) {
       fn.Message(L"Record is extension ... skipping", varnel::kTraceVerbose);
@@ -120,7 +125,7 @@ void MFT::GetHardLinkList(HardLinkMap& map, std::wostream& progress) {
           return;
         }
         counter.Step();
-        examine(Bytes(record), sector);
+        examine(Bytes(record), sector, counter.processed() - 1);
         continue;
       }
       platform::ReadResult read;
@@ -135,7 +140,7 @@ void MFT::GetHardLinkList(HardLinkMap& map, std::wostream& progress) {
       }
       for (DWORD at = 0; at < geometry.unit; at += geometry.record) {
         counter.Step();
-        examine(Bytes(unit).subspan(at, geometry.record), sector + at / geometry.sector);
+        examine(Bytes(unit).subspan(at, geometry.record), sector + at / geometry.sector, counter.processed() - 1);
       }
     }
   }

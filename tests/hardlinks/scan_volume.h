@@ -53,11 +53,17 @@ class ScanVolume {
                  std::uint16_t sequence = 1, std::int64_t stated = -1) {
     Put(mft_ + std::uint64_t{number} * record_, number, flags, links, base, sequence, stated);
   }
+  // Gives record `number` the older header (array at 0x2A, no number field).
+  void OldLayout(std::uint32_t number) {
+    Put16(image_, mft_ + std::uint64_t{number} * record_ + layout::kRecUsaOffset, 0x2A);
+    Put32(image_, mft_ + std::uint64_t{number} * record_ + layout::kRecNumber, 0);
+  }
   const std::vector<std::byte>& image() const { return image_; }
 
  private:
   static void Header(RecordFixture& r, std::uint32_t number, std::uint16_t flags, std::uint16_t links,
                      std::uint64_t base, std::uint16_t sequence) {
+    Put16(r.bytes(), layout::kRecUsaOffset, layout::kRecUpdateSequenceNumber);
     Put16(r.bytes(), layout::kRecSequence, sequence);
     Put16(r.bytes(), layout::kRecLinkCount, links);
     Put16(r.bytes(), layout::kRecFlags, flags);
