@@ -2,8 +2,11 @@
 // listing the volumes found, and trace control. Exported for the command only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "koru_mft/export.h"
@@ -30,11 +33,45 @@ KORU_MFT_API std::vector<VolumeInfo> ListVolumes();
 // letter (on Linux: a volume The Sleuth Kit refuses); empty when they can.
 KORU_MFT_API std::string FileLevelProblem(wchar_t letter);
 
+// Checks a range list that VMFT::GetMFTSectorRanges gave for the volume behind
+// `letter` against the volume itself, read again through the library: MFT record 0
+// reads, is signed "FILE" and maps the whole MFT (no attribute walk or run list cut
+// short, no resident $DATA); there is at least one range; every range has first <
+// end and lies inside the volume's extent on its disk. The library's own answer
+// stays as documented (pairs left volume-relative when a $DATA fails, nothing from
+// an extent without a cluster size, wrapped run offsets as they decode), so a caller
+// that hands the sectors to a backup checks them here first. A failed query can be
+// checked too: the reason then names the step that fails. False with a sentence
+// that names the volume in `why`.
+KORU_MFT_API bool CheckMftRanges(wchar_t letter, const std::vector<std::pair<std::uint64_t, std::uint64_t>>& ranges,
+                                 std::wstring* why);
+
 // Trace level number 0..4 for this process, as trace.ini would set it.
 KORU_MFT_API void SetTraceLevel(unsigned level);
 // Where the trace log is written.
 KORU_MFT_API std::wstring TraceLogPath();
 // The calling thread's most recent error or warning trace entry.
 KORU_MFT_API std::wstring LastTraceProblem();
+
+// --- Record numbers to sectors (vmft record --record N) --------------------------
+// What it takes to find MFT record N on the disk: the disk's sector size, the
+// volume's file-record size and where record 0 lies. Which sectors the MFT holds is
+// VMFT::GetMFTSectorRanges.
+struct MftGeometry {
+  std::uint32_t bytes_per_sector = 0;
+  std::uint32_t bytes_per_record = 0;  // 0: the boot sector gives no usable size
+  std::uint64_t mft_sector = 0;        // absolute sector of record 0
+};
+// From the volume's first extent whose boot sector gives a cluster size, read as
+// every service reads it. False when there is none (the reason is traced).
+KORU_MFT_API bool GetMftGeometry(wchar_t letter, MftGeometry* geometry);
+
+// --- Record dumps of a copied $MFT (vmft record --mft-file) ------------------------
+// Writes the record dump of one file record the caller read itself (up to 1024
+// bytes; missing ones read as 0), as VMFT::ReadMFTRecord writes it for a record read
+// from a disk: `sector` is its place in 512-byte sectors, `sectors_per_cluster` the
+// volume's, for the sectors of its data runs.
+KORU_MFT_API void DumpRecordBytes(std::wostream& os, const void* record, std::size_t size, std::uint64_t sector,
+                                  std::uint32_t sectors_per_cluster);
 
 }  // namespace koru::tool

@@ -1,5 +1,7 @@
 #include "api/extent_chain.h"
 
+#include <algorithm>
+
 #include "disk/boot_sector.h"
 
 namespace koru {
@@ -14,6 +16,7 @@ ExtentStep LocateExtent(varnel::FnTrace& fn, const DISK_EXTENT& extent, ExtentPl
   if (!GetDiskGeometryEx(extent.DiskNumber, geometry) || geometry.Geometry.BytesPerSector == 0)
     return ExtentStep::kGeometryFailed;
   place.bytes_per_sector = geometry.Geometry.BytesPerSector;
+  place.disk_sectors = static_cast<std::uint64_t>(std::max<std::int64_t>(geometry.DiskSize, 0)) / place.bytes_per_sector;
   fn.Value(L"DiskGeometry.Geometry.BytesPerSector", place.bytes_per_sector);
 
   BootSector boot;
@@ -23,7 +26,7 @@ ExtentStep LocateExtent(varnel::FnTrace& fn, const DISK_EXTENT& extent, ExtentPl
       static_cast<std::uint64_t>(extent.StartingOffset / static_cast<std::int64_t>(place.bytes_per_sector));
   if (!boot.GetMftSector(VolumeStart{extent.DiskNumber, place.start_sector}, place.mft_sector))
     return ExtentStep::kBootSectorFailed;
-  place.file_record_size = boot.m_dwFileRecordSize;
+  place.bytes_per_record = boot.m_dwBytesPerFileRecord;
   if (!boot.GetSectorsPerCluster(place.sectors_per_cluster)) return ExtentStep::kNoClusterSize;
   return ExtentStep::kOk;
 }
@@ -36,7 +39,7 @@ MFT MakeReader(const ExtentPlace& place, wchar_t letter, std::uint64_t sector) {
   mft.m_dwSectorsPerCluster = place.sectors_per_cluster;
   mft.m_uiVolumeStartSector = place.start_sector;
   mft.m_uiMftSector = sector;
-  mft.m_dwFileRecordSize = place.file_record_size;
+  mft.m_dwBytesPerFileRecord = place.bytes_per_record;
   return mft;
 }
 

@@ -14,10 +14,11 @@ namespace koru {
 struct ExtentPlace {
   DISK_EXTENT extent{};
   platform::DWORD bytes_per_sector = 0;
+  std::uint64_t disk_sectors = 0;  // the whole disk, as its geometry reports it
   std::uint64_t start_sector = 0;
   std::uint64_t mft_sector = 0;
   platform::DWORD sectors_per_cluster = 0;
-  platform::DWORD file_record_size = 0;
+  platform::DWORD bytes_per_record = 0;  // the volume's file-record size; 0 when unknown
 };
 
 enum class ExtentStep { kOk, kGeometryFailed, kBootSectorFailed, kNoClusterSize };

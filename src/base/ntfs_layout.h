@@ -88,15 +88,82 @@ inline constexpr std::uint32_t kEa = 0xE0;
 inline constexpr std::uint32_t kLoggedUtilityStream = 0x100;
 inline constexpr std::uint32_t kEndOfAttributes = 0xFFFFFFFF;
 
+// Attribute values (offsets from the start of a resident value).
 
-// $STANDARD_INFORMATION value: the Win32 attribute bits of the file.
-inline constexpr std::size_t kSiFileAttributes = 0x20;  // u32
+// $STANDARD_INFORMATION.
+inline constexpr std::size_t kSiCreationTime = 0;       // u64 FILETIME
+inline constexpr std::size_t kSiAlteredTime = 8;        // u64
+inline constexpr std::size_t kSiMftChangedTime = 16;    // u64
+inline constexpr std::size_t kSiReadTime = 24;          // u64
+inline constexpr std::size_t kSiFileAttributes = 32;    // u32, FILE_ATTRIBUTE_*
+inline constexpr std::size_t kSiMaxVersions = 36;       // u32
+inline constexpr std::size_t kSiVersion = 40;           // u32
+inline constexpr std::size_t kSiClassId = 44;           // u32
+inline constexpr std::size_t kSiOwnerId = 48;           // u32 (NTFS 3.0 on, as the rest)
+inline constexpr std::size_t kSiSecurityId = 52;        // u32
+inline constexpr std::size_t kSiQuotaCharged = 56;      // u64
+inline constexpr std::size_t kSiUsn = 64;               // u64
 
-// $FILE_NAME value (the same bytes are the key of a directory index entry).
-inline constexpr std::size_t kFnParentReference = 0x00;  // u64: record number (48 bits), sequence (16)
-inline constexpr std::size_t kFnNameLength = 0x40;       // u8, UTF-16 units
-inline constexpr std::size_t kFnNamespace = 0x41;        // u8
-inline constexpr std::size_t kFnName = 0x42;             // UTF-16LE, no terminator
+// $FILE_NAME.
+inline constexpr std::size_t kFnParent = 0;             // u64 file reference
+inline constexpr std::size_t kFnParentSequence = 6;     // u16, the reference's top 16 bits
+inline constexpr std::size_t kFnCreationTime = 8;       // u64, then altered, MFT changed, read
+inline constexpr std::size_t kFnAllocatedSize = 40;     // u64
+inline constexpr std::size_t kFnRealSize = 48;          // u64
+inline constexpr std::size_t kFnFlags = 56;             // u32, FILE_ATTRIBUTE_*
+inline constexpr std::size_t kFnReparseOrEa = 60;       // u32
+inline constexpr std::size_t kFnNameLength = 64;        // u8, wide characters
+inline constexpr std::size_t kFnNamespace = 65;         // u8: 0 POSIX, 1 Win32, 2 DOS, 3 Win32 & DOS
+inline constexpr std::size_t kFnName = 66;              // UTF-16
+
+// $ATTRIBUTE_LIST entry (entries follow each other by their record length).
+inline constexpr std::size_t kAlType = 0;               // u32
+inline constexpr std::size_t kAlRecordLength = 4;       // u16
+inline constexpr std::size_t kAlNameLength = 6;         // u8, wide characters
+inline constexpr std::size_t kAlNameOffset = 7;         // u8, from the entry's start
+inline constexpr std::size_t kAlStartVcn = 8;           // u64
+inline constexpr std::size_t kAlReference = 16;         // u64 file reference of the holding record
+inline constexpr std::size_t kAlReferenceSequence = 22; // u16
+inline constexpr std::size_t kAlAttributeId = 24;       // u16
+
+// $OBJECT_ID: up to four GUIDs (object, birth volume, birth object, domain).
+inline constexpr std::size_t kGuidSize = 16;            // u32, u16, u16, 8 bytes
+
+// $SECURITY_DESCRIPTOR (self-relative).
+inline constexpr std::size_t kSdRevision = 0;           // u8
+inline constexpr std::size_t kSdControl = 2;            // u16
+inline constexpr std::size_t kSdOwnerOffset = 4;        // u32
+inline constexpr std::size_t kSdGroupOffset = 8;        // u32
+
+// $VOLUME_INFORMATION.
+inline constexpr std::size_t kViReserved = 0;           // u64
+inline constexpr std::size_t kViMajorVersion = 8;       // u8
+inline constexpr std::size_t kViMinorVersion = 9;       // u8
+inline constexpr std::size_t kViFlags = 10;             // u16
+inline constexpr std::size_t kViTrailing = 12;          // u32, past the usual 12-byte value
+
+// $EA_INFORMATION.
+inline constexpr std::size_t kEiPackedSize = 0;         // u16
+inline constexpr std::size_t kEiNeedEaCount = 2;        // u16
+inline constexpr std::size_t kEiUnpackedSize = 4;       // u32
+
+// $REPARSE_POINT: a reparse data buffer.
+inline constexpr std::size_t kRpTag = 0;                // u32: bits 0-15 number, 31 Microsoft, 29 name surrogate
+inline constexpr std::size_t kRpDataLength = 4;         // u16, bytes after offset 8
+inline constexpr std::size_t kRpSubstituteOffset = 8;   // u16, bytes into the path buffer
+inline constexpr std::size_t kRpSubstituteLength = 10;  // u16, bytes
+inline constexpr std::size_t kRpPrintOffset = 12;       // u16
+inline constexpr std::size_t kRpPrintLength = 14;       // u16
+inline constexpr std::size_t kRpSymlinkFlags = 16;      // u32, symbolic links only
+inline constexpr std::size_t kRpMountPointPaths = 16;   // path buffer of a mount point
+inline constexpr std::size_t kRpSymlinkPaths = 20;      // path buffer of a symbolic link
+inline constexpr std::size_t kRpAppExecVersion = 8;     // u32, application execution links
+inline constexpr std::size_t kRpAppExecStrings = 12;    // zero-terminated UTF-16 strings
+inline constexpr std::uint32_t kRpTagMicrosoft = 0x80000000u;
+inline constexpr std::uint32_t kRpTagNameSurrogate = 0x20000000u;
+inline constexpr std::uint32_t kRpMountPoint = 3;       // tag numbers (low 16 bits)
+inline constexpr std::uint32_t kRpSymlink = 12;
+inline constexpr std::uint32_t kRpAppExecLink = 27;
 
 // $FILE_NAME namespaces: a DOS-only name is the 8.3 alias of a longer Win32 name.
 inline constexpr std::uint8_t kFnNamespacePosix = 0;
@@ -121,7 +188,8 @@ inline constexpr std::size_t kOemIdLength = 8;
 inline constexpr std::size_t kBytesPerSector = 0x0B;  // u16
 inline constexpr std::size_t kSectorsPerCluster = 0x0D;  // u8; above 0x80 a negative power of two
 inline constexpr std::size_t kMftCluster = 0x30;     // u64 logical cluster of $MFT
-inline constexpr std::size_t kClustersPerRecord = 0x40;  // s8; negative: a record is 2^-n bytes
+// i8: clusters per file record, or when negative a record of 2^-n bytes.
+inline constexpr std::size_t kClustersPerFileRecord = 0x40;
 inline constexpr std::size_t kSerialNumber = 0x48;   // u64; Win32 shows its low 32 bits
 
 inline constexpr char kBitLockerOemId[] = "-FVE-FS-";

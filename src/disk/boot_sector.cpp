@@ -11,18 +11,6 @@ namespace koru {
 using platform::DWORD;
 using varnel::FnTrace;
 
-namespace {
-// The file-record size field: clusters per record, or 2^-n bytes when negative.
-DWORD FileRecordSize(std::uint8_t field, std::uint64_t bytes_per_cluster) {
-  const auto value = static_cast<std::int8_t>(field);
-  std::uint64_t size = 0;
-  if (value < 0 && value >= -16) size = std::uint64_t{1} << -value;
-  if (value > 0) size = static_cast<std::uint64_t>(value) * bytes_per_cluster;
-  const bool power_of_two = size != 0 && (size & (size - 1)) == 0;
-  return power_of_two && size >= 256 && size <= 65536 ? static_cast<DWORD>(size) : 0;
-}
-}  // namespace
-
 bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSector) {
   FnTrace fn(L"BootSector::GetMftSector");
   platform::Env& env = platform::Env::Default();
@@ -70,8 +58,12 @@ bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSec
     m_dwSectorsPerCluster = DWORD{1} << ((256u - b) % 32u);
   }
   fn.Value(L"m_dwSectorsPerCluster", m_dwSectorsPerCluster);
-  m_dwFileRecordSize = FileRecordSize(le8Or0(view, boot::kClustersPerRecord),
-                                      std::uint64_t{m_dwSectorsPerCluster} * m_dwBytesPerSector);
+
+  // Clusters per record, or for a negative byte a record of 2^-n bytes.
+  const auto record = static_cast<std::int8_t>(le8Or0(view, boot::kClustersPerFileRecord));
+  const std::uint64_t record_bytes = record >= 0 ? std::uint64_t(record) * m_dwSectorsPerCluster * m_dwBytesPerSector
+                                                 : (-record < 32 ? std::uint64_t{1} << -record : 0);
+  m_dwBytesPerFileRecord = record_bytes <= 0xFFFFFFFFu ? static_cast<DWORD>(record_bytes) : 0;
 
   uiMftSector = std::uint64_t{m_dwSectorsPerCluster} * le64Or0(view, boot::kMftCluster) + volume.uiStartSector;
   fn.Value(L"uiMftSector", uiMftSector);

@@ -16,9 +16,9 @@ class BootSector {
  public:
   platform::DWORD m_dwBytesPerSector = 0;
   platform::DWORD m_dwSectorsPerCluster = 0;
-  // Bytes per MFT file record, filled with the cluster size; 0 when the field is
-  // not a power of two from 256 bytes to 64 KiB.
-  platform::DWORD m_dwFileRecordSize = 0;
+  // The volume's file-record size in bytes, set with the MFT sector; 0 when the
+  // boot sector gives none that fits in 32 bits.
+  platform::DWORD m_dwBytesPerFileRecord = 0;
 
   bool GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSector);
   bool GetSectorsPerCluster(platform::DWORD& dwSectorsPerCluster);

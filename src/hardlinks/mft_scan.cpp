@@ -23,7 +23,11 @@ constexpr std::uint64_t kRecordMask = 0xFFFFFFFFFFFFull;
 // larger of a sector and a record at a sector boundary, as a raw disk wants it, and
 // holds one record or several.
 struct Geometry {
-  Geometry(DWORD sector_bytes, DWORD record_size) : sector(sector_bytes), record(record_size ? record_size : 1024) {
+  // A record size that is not a power of two from 256 bytes to 64 KiB is taken as 1024.
+  Geometry(DWORD sector_bytes, DWORD record_size)
+      : sector(sector_bytes),
+        record(record_size >= 256 && record_size <= 65536 && (record_size & (record_size - 1)) == 0 ? record_size
+                                                                                                     : 1024) {
     paired = sector == 0 || (sector == 512 && record == 1024) || (record % sector != 0 && sector % record != 0);
     unit = paired ? 0 : std::max(sector, record);
   }
@@ -74,7 +78,7 @@ void MFT::GetHardLinkList(HardLinkMap& map, std::wostream& progress) {
     fn.EndText(L"... ending(GetMftRanges() failed", varnel::kTraceError);
     return;
   }
-  const Geometry geometry(m_dwBytesPerSector, m_dwFileRecordSize);
+  const Geometry geometry(m_dwBytesPerSector, m_dwBytesPerFileRecord);
   std::uint64_t uiTotalMftSectors = 0;
   for (const auto& [first, end] : MftSectors) uiTotalMftSectors += geometry.Records(first, end);
   fn.Value(L"MftSectors.size()", MftSectors.size());

@@ -39,12 +39,6 @@ constexpr std::array<TypeEntry, 15> kTypes = {{
     {layout::kLoggedUtilityStream, L"$LOGGED_UTILITY_STREAM"},
 }};
 
-const wchar_t* TypeName(std::uint32_t code) {
-  for (const auto& t : kTypes)
-    if (t.code == code) return t.name;
-  return nullptr;
-}
-
 const std::wstring& AllowedCharacters() {
   static const std::wstring allowed = L"abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._!";
   return allowed;
@@ -62,6 +56,12 @@ void ReplaceUnacceptable(varnel::string& name, const wchar_t* value_name, const 
 }
 
 }  // namespace
+
+const wchar_t* AttributeTypeName(std::uint32_t code) {
+  for (const auto& t : kTypes)
+    if (t.code == code) return t.name;
+  return nullptr;
+}
 
 std::unique_ptr<Attribute> Attribute::Factory(Bytes header, platform::DWORD sectors_per_cluster) {
   FnTrace fn(L"Attribute::Factory");
@@ -97,11 +97,11 @@ std::unique_ptr<Attribute> Attribute::Factory(Bytes header, platform::DWORD sect
       return nullptr;
     }
   }
-  fn.Message(TypeName(*type), varnel::kTraceVerbose);
+  fn.Message(AttributeTypeName(*type), varnel::kTraceVerbose);
   return attribute;
 }
 
-bool IsKnownAttributeType(std::uint32_t type) { return TypeName(type) != nullptr; }
+bool IsKnownAttributeType(std::uint32_t type) { return AttributeTypeName(type) != nullptr; }
 
 void WriteAttributeTypeName(std::wostream& os, std::uint32_t type) {
   // Built once, thread-safe; an unknown code falls out of the keyed lookup.
@@ -142,30 +142,5 @@ void Attribute::SanitizeAttributeName(varnel::string& sAttributeName) {
     }
   }
 }
-
-// The dumps of each type come with the record dump; until then an attribute
-// prints its type name.
-void Attribute::Dump(Bytes header, std::wostream& os) {
-  WriteAttributeTypeName(os, le32Or0(header, layout::kAttrType));
-  os << L"\n";
-}
-#define KORU_DUMP_AS_BASE(Name) \
-  void Name::Dump(Bytes header, std::wostream& os) { Attribute::Dump(header, os); }
-KORU_DUMP_AS_BASE(STANDARD_INFORMATION_Attribute)
-KORU_DUMP_AS_BASE(ATTRIBUTE_LIST_Attribute)
-KORU_DUMP_AS_BASE(FILE_NAME_Attribute)
-KORU_DUMP_AS_BASE(OBJECT_ID_Attribute)
-KORU_DUMP_AS_BASE(SECURITY_DESCRIPTOR_Attribute)
-KORU_DUMP_AS_BASE(VOLUME_NAME_Attribute)
-KORU_DUMP_AS_BASE(VOLUME_INFORMATION_Attribute)
-KORU_DUMP_AS_BASE(DATA_Attribute)
-KORU_DUMP_AS_BASE(INDEX_ROOT_Attribute)
-KORU_DUMP_AS_BASE(INDEX_ALLOCATION_Attribute)
-KORU_DUMP_AS_BASE(BITMAP_Attribute)
-KORU_DUMP_AS_BASE(REPARSE_POINT_Attribute)
-KORU_DUMP_AS_BASE(EA_INFORMATION_Attribute)
-KORU_DUMP_AS_BASE(EA_Attribute)
-KORU_DUMP_AS_BASE(LOGGED_UTILITY_STREAM_Attribute)
-#undef KORU_DUMP_AS_BASE
 
 }  // namespace koru

@@ -17,6 +17,7 @@ bool AttributeWalk::Stop(const wchar_t* why, std::uint64_t value) {
   text += L" (record at sector " + std::to_wstring(sector_) + L", offset " + std::to_wstring(next_) +
           L", value " + std::to_wstring(value) + L")";
   varnel::Trace().Trace(varnel::kTraceError, L"AttributeWalk::Next", text.c_str());
+  reason_ = std::move(text);
   done_ = true;
   bounds_ = true;
   return false;

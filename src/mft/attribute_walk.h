@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "mft/attribute.h"
 
@@ -21,8 +22,9 @@ class AttributeWalk {
   // Where the attribute last returned starts, and its bytes (up to its length).
   std::size_t offset() const { return offset_; }
   Bytes current() const { return current_; }
-  // True when the walk ended because the record broke the bounds rule.
+  // True when the walk ended because the record broke the bounds rule, and why.
   bool stopped_on_bounds() const { return bounds_; }
+  const std::wstring& stop_reason() const { return reason_; }
 
  private:
   bool Stop(const wchar_t* why, std::uint64_t value);
@@ -35,6 +37,7 @@ class AttributeWalk {
   Bytes current_;
   bool done_ = false;
   bool bounds_ = false;
+  std::wstring reason_;
 };
 
 }  // namespace koru

@@ -21,20 +21,27 @@ bool DATA_Attribute::GetSectorRange(Bytes header, SectorRanges& ranges) {
   }
   // The run list runs from its offset to the attribute's length, never past the
   // bytes this attribute has in the record.
-  const std::size_t end = std::min<std::size_t>(le32Or0(header, layout::kAttrLength), header.size());
+  const std::size_t length = le32Or0(header, layout::kAttrLength);
+  const std::size_t end = std::min(length, header.size());
   const std::size_t start = le16Or0(header, layout::kAttrRunListOffset);
   std::deque<std::uint8_t> runs;
   for (std::size_t i = start; i < end; ++i) runs.push_back(std::to_integer<std::uint8_t>(header[i]));
-  ProcessDataRun(runs, ranges);
+  // A list that breaks off inside a run, or that runs on past the bytes the
+  // attribute has, maps only part of the data: never a complete answer.
+  const RunListEnd how = ProcessDataRun(runs, ranges);
+  if (how == RunListEnd::kCut || (how == RunListEnd::kUsedUp && end < length)) {
+    fn.End(L"run list cut short by the attribute's bounds", varnel::kTraceError);
+    return false;
+  }
   return true;
 }
 
-void Attribute::ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ranges) {
+Attribute::RunListEnd Attribute::ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ranges) {
   FnTrace fn(L"Attribute::ProcessDataRun");
   auto trace_value = [&fn](const wchar_t* name, std::uint64_t value) { fn.Value(name, value, varnel::kTraceVerbose); };
   std::int64_t remaining = static_cast<std::int64_t>(runs.size());
   std::uint64_t lcn = 0;  // modular, as the cluster arithmetic of the run list is
-  if (runs.empty()) return;
+  if (runs.empty()) return RunListEnd::kUsedUp;
   std::uint8_t header = runs.front();
   runs.pop_front();
   --remaining;
@@ -43,12 +50,12 @@ void Attribute::ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ran
     const unsigned offset_size = header >> 4;
     trace_value(L"HighNibble", offset_size);
     trace_value(L"LowNibble", length_size);
-    if (header == 0) return;
+    if (header == 0) return RunListEnd::kTerminated;
 
     remaining -= length_size;
     if (remaining < 0) {
-      fn.End(L"run length field past the end of the run list");
-      return;
+      fn.End(L"run length field past the end of the run list", varnel::kTraceError);
+      return RunListEnd::kCut;
     }
     std::uint64_t length = 0;
     for (unsigned i = 0; i < length_size; ++i) {
@@ -91,10 +98,10 @@ void Attribute::ProcessDataRun(std::deque<std::uint8_t>& runs, SectorRanges& ran
       ranges.emplace_back(uiStart, uiEnd);
     }
     if (remaining < 0) {
-      fn.End(L"run offset field past the end of the run list");
-      return;
+      fn.End(L"run offset field past the end of the run list", varnel::kTraceError);
+      return RunListEnd::kCut;
     }
-    if (remaining == 0) return;
+    if (remaining == 0) return RunListEnd::kUsedUp;
     header = runs.front();
     runs.pop_front();
     --remaining;

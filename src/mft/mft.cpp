@@ -131,6 +131,11 @@ bool MFT::GetMftRanges(SectorRanges& ranges) {
       failed = true;
     }
   }
+  // A walk the record's bounds stopped may have missed $DATA runs: not a whole map.
+  if (walk.stopped_on_bounds()) {
+    fn.End(L"attribute walk stopped on the record's bounds", varnel::kTraceError);
+    return false;
+  }
   if (failed) return false;
   for (auto& range : ranges) {
     range.first += m_uiVolumeStartSector;

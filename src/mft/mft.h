@@ -24,8 +24,8 @@ class MFT {
   platform::DWORD m_dwSectorsPerCluster = 0;
   std::uint64_t m_uiVolumeStartSector = 0;
   std::uint64_t m_uiMftSector = 0;
-  // Bytes per file record from the boot sector; 0 when unknown (then 1024).
-  platform::DWORD m_dwFileRecordSize = 0;
+  // Bytes per file record from the boot sector; 0 when unknown.
+  platform::DWORD m_dwBytesPerFileRecord = 0;
 
   bool ReadMftRecord(std::uint64_t uiSectorNo, RecordBuffer& record);
   bool SetVolumeHintHandle();
@@ -43,5 +43,9 @@ class MFT {
   // Opens the disk handle unless it is open; false with the last error when it stays invalid.
   bool OpenDisk(platform::DWORD* error);
 };
+
+// The text MFT::Read writes for a record read from `sector`: its header, then each
+// attribute's dump. Reads nothing outside `record`.
+void WriteRecordDump(std::wostream& os, Bytes record, std::uint64_t sector, platform::DWORD sectors_per_cluster);
 
 }  // namespace koru

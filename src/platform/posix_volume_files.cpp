@@ -71,7 +71,7 @@ std::uint64_t ClusterBytes(koru::Bytes sector) {
 }
 
 std::uint64_t RecordBytes(koru::Bytes sector, std::uint64_t cluster) {
-  const auto code = static_cast<std::int8_t>(koru::le8Or0(sector, boot::kClustersPerRecord));
+  const auto code = static_cast<std::int8_t>(koru::le8Or0(sector, boot::kClustersPerFileRecord));
   if (code < 0) return -code < 32 ? std::uint64_t{1} << -code : 0;
   return cluster * static_cast<std::uint64_t>(code);
 }

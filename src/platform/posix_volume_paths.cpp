@@ -10,7 +10,7 @@ namespace layout = koru::layout;
 bool FileName::DosOnly() const { return name_space == layout::kFnNamespaceDos; }
 
 std::optional<FileName> DecodeFileName(koru::Bytes value) {
-  const auto reference = koru::le64(value, layout::kFnParentReference);
+  const auto reference = koru::le64(value, layout::kFnParent);
   const auto length = koru::le8(value, layout::kFnNameLength);
   const auto name_space = koru::le8(value, layout::kFnNamespace);
   if (!reference || !length || !name_space) return std::nullopt;

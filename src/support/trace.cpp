@@ -114,12 +114,9 @@ CTrace::CTrace(const wchar_t* log_file_name, const wchar_t* level_key_name)
 
 CTrace::CTrace(const wchar_t* log_file_name, const wchar_t* level_key_name, platform::Env& env)
     : m_env(env), m_sFileName(log_file_name), m_sLevelKey(level_key_name) {
-  m_dwMask = 7;
   string dir;
   GetLogDir(dir);
-  m_sLogFilePath = dir;
-  m_sLogFilePath += L"\\";
-  m_sLogFilePath += m_sFileName;
+  m_sLogFilePath = PathIn(dir);
   if (m_env.PathFileExistsW(m_sLogFilePath.c_str())) {
     string old_path = m_sLogFilePath;
     const std::size_t dot = old_path.rfind(L'.');
@@ -129,6 +126,13 @@ CTrace::CTrace(const wchar_t* log_file_name, const wchar_t* level_key_name, plat
     m_env.DeleteFileW(m_sLogFilePath.c_str());
   }
   m_dwEnvironment = SystemEnvironment::Get().m_dwEnvironment;
+}
+
+string CTrace::PathIn(const string& dir) const {
+  string path = dir;
+  path += L"\\";
+  path += m_sFileName;
+  return path;
 }
 
 CTrace::~CTrace() = default;
@@ -142,14 +146,17 @@ bool CTrace::GetOwnDir(string& dir) {
 }
 
 bool CTrace::GetLogDir(string& dir) {
-  if (!m_sLogDir.empty()) {
-    dir = m_sLogDir;
-    return true;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_sLogDir.empty()) {
+      dir = m_sLogDir;
+      return true;
+    }
   }
   string own;
   GetOwnDir(own);
   string fallback;
-  if (m_dwEnvironment == 20) {
+  if (EnvironmentKind() == 20) {
     fallback = L"Z:\\KORU\\Logfiles";
   } else {
     fallback = own;
@@ -162,25 +169,28 @@ bool CTrace::GetLogDir(string& dir) {
                                  ini.c_str());
   string result(buffer);
   if (!m_env.PathFileExistsW(result.c_str())) m_env.CreateDirectoryW(result.c_str());
-  m_sLogDir = result;
-  dir = result;
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_sLogDir.empty()) m_sLogDir = result;  // unless SetLogDir came first
+  dir = m_sLogDir;
   return true;
 }
 
 bool CTrace::SetLogDir(const string& dir) {
   if (!m_env.PathIsDirectoryW(dir.c_str())) return false;
+  const string path = PathIn(dir);
+  std::lock_guard<std::mutex> lock(m_mutex);
   m_sLogDir = dir;
-  m_sLogFilePath = dir;
-  m_sLogFilePath += L"\\";
-  m_sLogFilePath += m_sFileName;
+  m_sLogFilePath = path;
   return true;
 }
 
-void CTrace::SetLevel(DWORD level) { m_dwMask = MaskFor(level, m_dwMask); }
+void CTrace::SetLevel(DWORD level) {
+  m_dwMask.store(MaskFor(level, m_dwMask.load(std::memory_order_relaxed)), std::memory_order_relaxed);
+}
 
 void CTrace::ReadLevel() {
   string dir;
-  if (m_dwEnvironment == 20) {
+  if (EnvironmentKind() == 20) {
     dir = L"Z:\\KORU";
   } else {
     GetOwnDir(dir);
@@ -192,9 +202,10 @@ void CTrace::ReadLevel() {
 void CTrace::Restart(const string& dir, DWORD level) {
   if (dir.empty()) return;
   SetLevel(level);
-  m_sLogFilePath = dir;
-  m_sLogFilePath += L"\\";
-  m_sLogFilePath += m_sFileName;
+  const string path = PathIn(dir);
+  // Under the lock, so that no entry lands in the new file before it is deleted.
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_sLogFilePath = path;
   m_env.DeleteFileW(m_sLogFilePath.c_str());
 }
 
@@ -208,7 +219,8 @@ bool CTrace::Clear() {
 
 void CTrace::StartFresh() {
   std::lock_guard<std::mutex> lock(m_mutex);
-  if (m_bOpen) return;
+  if (m_bStarted) return;
+  m_bStarted = true;
   platform::HANDLE h = m_env.CreateFileW(m_sLogFilePath.c_str(), platform::kGenericWrite,
                                          platform::kFileShareRead, platform::kCreateAlways, 0);
   if (platform::IsValid(h)) m_env.CloseHandle(h);
@@ -219,7 +231,7 @@ string CTrace::LogFilePath() {
   return m_sLogFilePath;
 }
 
-DWORD CTrace::GetLevel() { return m_dwMask; }
+DWORD CTrace::GetLevel() { return m_dwMask.load(std::memory_order_relaxed); }
 
 std::wstring CTrace::LastProblem() { return t_last_problem; }
 void CTrace::ClearLastProblem() { t_last_problem.clear(); }
@@ -247,18 +259,16 @@ bool CTrace::AppendToFile(const std::wstring& text) {
                                          platform::kFileShareRead | platform::kFileShareWrite,
                                          platform::kOpenAlways, 0);
   if (!platform::IsValid(h)) return false;
-  m_bOpen = true;
   const std::string bytes = koru::Utf8FromWide(text);
   platform::DWORD written = 0;
   m_env.WriteFile(h, bytes.data(), static_cast<platform::DWORD>(bytes.size()), &written);
   m_env.CloseHandle(h);
-  m_bOpen = false;
   return true;
 }
 
 void CTrace::Write(DWORD level, const std::wstring& body) {
   if (level == kTraceError || level == kTraceWarning) t_last_problem = body;
-  if ((m_dwMask & level) == 0) return;
+  if (!Enabled(level)) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   const wchar_t* marker = Marker(level);
   std::wstring line = Prefix(level);
@@ -366,7 +376,7 @@ void CTrace::Trace(DWORD level, const wchar_t* function, const wchar_t* name, do
 
 void CTrace::TraceBytes(DWORD level, const wchar_t* function, const wchar_t* name, const void* bytes,
                         std::size_t count) {
-  if ((m_dwMask & level) == 0) return;
+  if (!Enabled(level)) return;
   const auto* p = static_cast<const unsigned char*>(bytes);
   std::wostringstream out;
   out << L" = ";
@@ -387,7 +397,7 @@ void CTrace::TraceBytes(DWORD level, const wchar_t* function, const wchar_t* nam
 }
 
 void CTrace::Banner(const wchar_t* message) {
-  if (m_dwMask == 0) return;
+  if (GetLevel() == 0) return;
   const std::wstring inner = std::wstring(L"** ") + (message ? message : L"") + L" **";
   const std::wstring stars(inner.size(), L'*');
   WriteRaw(L"\n" + stars + L"\n" + inner + L"\n" + stars + L"\n\n");
@@ -395,7 +405,7 @@ void CTrace::Banner(const wchar_t* message) {
 
 void CTrace::TraceIPv4(DWORD level, const wchar_t* function, const wchar_t* name, std::uint32_t address,
                        bool host_order) {
-  if ((m_dwMask & level) == 0) return;
+  if (!Enabled(level)) return;
   const std::uint32_t network = host_order ? m_env.HostToNetworkLong(address) : address;
   char text[16] = {};
   std::wstring shown = L"<invalid>";

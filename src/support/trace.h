@@ -2,6 +2,7 @@
 // the file is opened and closed around every entry so the log survives a crash.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -72,13 +73,13 @@ class CTrace {
   virtual void TraceTime(DWORD level, const wchar_t* function, const wchar_t* name,
                          const platform::SystemTime& time);
 
-  // Empties the log unless an entry holds it open; used when a VMFT object is made.
+  // Empties the log when the first VMFT object is made; later objects keep it.
   void StartFresh();
   string LogFilePath();
-  DWORD EnvironmentKind() const { return m_dwEnvironment; }
+  DWORD EnvironmentKind() const { return m_dwEnvironment.load(std::memory_order_relaxed); }
   // Takes another environment kind than the process record's (a caller that
   // classified another system, and tests).
-  void UseEnvironmentKind(DWORD kind) { m_dwEnvironment = kind; }
+  void UseEnvironmentKind(DWORD kind) { m_dwEnvironment.store(kind, std::memory_order_relaxed); }
 
   // The body of the calling thread's most recent error or warning entry, whether or
   // not it reached the file: what a command-line caller reports on failure.
@@ -90,21 +91,26 @@ class CTrace {
   void SetObserver(Observer observer);
 
  private:
+  string PathIn(const string& dir) const;  // dir + "\\" + the log file name
   void Write(DWORD level, const std::wstring& body);
   void WriteRaw(const std::wstring& text);  // under the lock, no prefix
   bool AppendToFile(const std::wstring& text);
   std::wstring Prefix(DWORD level);
   std::wstring ValueLine(const wchar_t* function, const wchar_t* name, const std::wstring& value_text);
 
+  bool Enabled(DWORD level) const { return (m_dwMask.load(std::memory_order_relaxed) & level) != 0; }
+
   platform::Env& m_env;
-  DWORD m_dwMask = 7;
-  bool m_bOpen = false;
+  // Read before the lock by every entry, so that a filtered entry costs no waiting.
+  std::atomic<DWORD> m_dwMask{7};
   std::mutex m_mutex;
-  DWORD m_dwEnvironment = 1;
-  string m_sFileName;
-  string m_sLevelKey;
+  std::atomic<DWORD> m_dwEnvironment{1};
+  const string m_sFileName;
+  const string m_sLevelKey;
+  // Under m_mutex: where entries go, the cached directory, the start-afresh flag.
   string m_sLogFilePath;
   string m_sLogDir;
+  bool m_bStarted = false;
   Observer m_observer;
 };
 

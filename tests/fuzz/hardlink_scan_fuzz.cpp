@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   mft.m_dwBytesPerSector = sector;
   mft.m_dwSectorsPerCluster = boot_sector.m_dwSectorsPerCluster;
   mft.m_uiMftSector = mft_sector;
-  mft.m_dwFileRecordSize = boot_sector.m_dwFileRecordSize;
+  mft.m_dwBytesPerFileRecord = boot_sector.m_dwBytesPerFileRecord;
   HardLinkMap map;
   std::wostringstream progress;
   mft.GetHardLinkList(map, progress);

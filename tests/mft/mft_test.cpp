@@ -191,60 +191,60 @@ class MftRanges : public ::testing::Test {
   test::TraceCapture trace_;
 };
 
-// Success shifts every pair, old ones included (see the end-to-end tests); a
-// failure leaves them all volume-relative.
-TEST_F(MftRanges, FailuresReturnFalseAndLeaveThePairsUnshifted) {
-  // A resident $DATA fails its attribute; the walk still decodes the ones after it.
-  test::RecordFixture bad;
-  bad.NonResident(layout::kData, {0x11, 0x04, 0x10})
-      .Resident(layout::kData, 16)
-      .NonResident(layout::kData, {0x11, 0x01, 0x20}, u"$Bad")
-      .End();
-  SectorRanges ranges{{1, 2}};
-  EXPECT_FALSE(Ranges(bad.OnDisk(), ranges));
-  EXPECT_EQ(ranges, (SectorRanges{{1, 2}, {0x80, 0xA0}, {0x100, 0x108}}));
-  EXPECT_TRUE(trace_.Has(L"[V]: DATA_Attribute::GetSectorRange : ... ending(Resident $DATA attribute)"));
-  EXPECT_TRUE(trace_.Has(L"[E]: MFT::GetMftRanges : ... ending(DATA_Attribute::GetSectorRange() failed)"));
-  EXPECT_FALSE(trace_.Contains(L"MftRange.first"));
-
-  ranges = {{1, 2}};
-  EXPECT_FALSE(Ranges({}, ranges));
-  EXPECT_EQ(ranges, (SectorRanges{{1, 2}}));
-  EXPECT_TRUE(trace_.Has(L"[E]: MFT::GetMftRanges : ... ending(ReadMftRecord() failed)"));
-}
-
-TEST_F(MftRanges, HostileRecordsAndUnknownTypesEndTheDecodingWithoutCrashOrHang) {
-  // A good $DATA at 0x38 (0x48 bytes, its runs from 0x78), then what `build` does.
-  const auto decode = [&](auto&& build) {
+// A good $DATA at 0x38 (0x48 bytes, its runs from 0x78), then what each case does.
+// Success shifts every pair, the caller's earlier one included; a failure leaves
+// them volume-relative. Bounds breaches are each tested with the walk and decoder.
+TEST_F(MftRanges, FailuresAndBoundsBreachesLeaveThePairsUnshifted) {
+  using R = test::RecordFixture&;
+  const SectorRange first{0x80, 0xA0};
+  const struct {
+    const char* what;
+    std::function<void(R)> build;
+    bool ok;
+    SectorRanges ranges;
+    const wchar_t* trace;
+  } cases[] = {
+      {"intact", [](R r) { r.End(); }, true, {{1 + 2048, 2 + 2048}, {0x80 + 2048, 0xA0 + 2048}}, nullptr},
+      {"resident $DATA between good ones",
+       [](R r) { r.Resident(layout::kData, 16).NonResident(layout::kData, {0x11, 0x01, 0x20}, u"$Bad").End(); },
+       false, {{1, 2}, first, {0x100, 0x108}}, L"[V]: DATA_Attribute::GetSectorRange : ... ending(Resident $DATA attribute)"},
+      {"unknown type ends the walk", [](R r) { r.Resident(0xF0, 8).NonResident(layout::kData, {0x11, 0x01, 0x20}).End(); },
+       true, {{1 + 2048, 2 + 2048}, {0x80 + 2048, 0xA0 + 2048}}, nullptr},
+      {"attribute of length 0", [](R r) { test::Put32(r.bytes(), 0x80, layout::kData); }, false, {{1, 2}, first},
+       L"[E]: MFT::GetMftRanges : ... ending(attribute walk stopped on the record's bounds)"},
+      // The attribute's end cuts a second run's 4-byte offset after 3 bytes: it moves
+      // by those, then decoding ends; the zeros after the attribute must not complete it.
+      {"run offset cut by the attribute's end",
+       [](R r) {
+         const std::uint8_t second[] = {0x41, 0x04, 0x10, 0x20, 0x30};
+         for (std::size_t i = 0; i < 5; ++i) r.bytes()[0x7B + i] = std::byte{second[i]};
+       },
+       false, {{1, 2}, first, {(0x10 + 0x302010) * 8, (0x10 + 0x302010 + 4) * 8}},
+       L"[E]: MFT::GetMftRanges : ... ending(DATA_Attribute::GetSectorRange() failed)"},
+      {"run list outside its attribute", [](R r) { test::Put16(r.End().bytes(), 0x38 + layout::kAttrRunListOffset, 0xFFFF); },
+       true, {{1 + 2048, 2 + 2048}}, nullptr},
+      {"record past the end of the disk", nullptr, false, {{1, 2}},
+       L"[E]: MFT::GetMftRanges : ... ending(ReadMftRecord() failed)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    trace_.Reset();
     test::RecordFixture r;
     r.NonResident(layout::kData, {0x11, 0x04, 0x10});
-    build(r);
-    SectorRanges ranges;
-    Ranges(r.OnDisk(), ranges);
-    return ranges;
-  };
-  using R = test::RecordFixture&;
-  const SectorRanges first_only{{0x80 + 2048, 0xA0 + 2048}};
-  // A breach of the walk's bounds (each tested with the walk) ends it, naming the record.
-  EXPECT_EQ(decode([](R r) { test::Put32(r.bytes(), 0x80, layout::kData); }), first_only);  // length 0
-  EXPECT_TRUE(trace_.Contains(L"[E]: AttributeWalk::Next : attribute walk stopped"));
-  EXPECT_TRUE(trace_.Contains(L"record at sector 16, offset 128"));
-  EXPECT_EQ(decode([](R r) { r.Resident(0xF0, 8).NonResident(layout::kData, {0x11, 0x01, 0x20}).End(); }),
-            first_only);
-  EXPECT_EQ(decode([](R r) { test::Put16(r.End().bytes(), 0x38 + layout::kAttrRunListOffset, 0xFFFF); }),
-            SectorRanges{});
-  // The attribute's end cuts a second run's 4-byte offset after 3 bytes: it moves by
-  // those, then decoding ends; the zeros after the attribute must not complete it.
-  EXPECT_EQ(decode([](R r) {
-              const std::uint8_t second[] = {0x41, 0x04, 0x10, 0x20, 0x30};
-              for (std::size_t i = 0; i < 5; ++i) r.bytes()[0x7B + i] = std::byte{second[i]};
-            }),
-            (SectorRanges{first_only[0], {(0x10 + 0x302010) * 8 + 2048, (0x10 + 0x302010 + 4) * 8 + 2048}}));
+    if (c.build) c.build(r);
+    SectorRanges ranges{{1, 2}};
+    EXPECT_EQ(Ranges(c.build ? r.OnDisk() : std::vector<std::byte>{}, ranges), c.ok);
+    EXPECT_EQ(ranges, c.ranges);
+    EXPECT_TRUE(c.trace == nullptr || trace_.Has(c.trace)) << testing::Message() << c.trace;
+    EXPECT_EQ(trace_.Contains(L"MftRange.first"), c.ok);
+  }
   // A run list never closed, filling the record: whatever it decodes to, it ends.
-  decode([](R r) {
-    test::Put32(r.bytes(), 0x38 + layout::kAttrLength, static_cast<std::uint32_t>(layout::kRecordSize - 0x38));
-    for (std::size_t i = 0x7B; i < layout::kRecordSize; ++i) r.bytes()[i] = std::byte{0x77};
-  });
+  test::RecordFixture r;
+  r.NonResident(layout::kData, {0x11, 0x04, 0x10});
+  test::Put32(r.bytes(), 0x38 + layout::kAttrLength, static_cast<std::uint32_t>(layout::kRecordSize - 0x38));
+  for (std::size_t i = 0x7B; i < layout::kRecordSize; ++i) r.bytes()[i] = std::byte{0x77};
+  SectorRanges ranges;
+  Ranges(r.OnDisk(), ranges);
 }
 
 }  // namespace

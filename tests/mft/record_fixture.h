@@ -6,10 +6,13 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/ntfs_layout.h"
+#include "mft/attribute.h"
 #include "support/temp_disk.h"
 
 namespace koru::test {
@@ -26,10 +29,28 @@ class RecordFixture {
   // A resident attribute with a value of `value_length` zero bytes.
   RecordFixture& Resident(std::uint32_t type, std::uint32_t value_length = 8) {
     const std::uint32_t length = Align8(layout::kResidentHeaderSize + value_length);
+    last_ = next_;
     Put32(bytes_, next_ + layout::kAttrType, type);
     Put32(bytes_, next_ + layout::kAttrLength, length);
     Put32(bytes_, next_ + layout::kAttrValueLength, value_length);
     Put16(bytes_, next_ + layout::kAttrValueOffset, layout::kResidentHeaderSize);
+    next_ += length;
+    return *this;
+  }
+
+  // A resident attribute holding `value`, named `name`, with attribute id `id`.
+  RecordFixture& Resident(std::uint32_t type, const std::vector<std::byte>& value, const std::u16string& name = u"",
+                          std::uint16_t id = 0) {
+    const std::size_t value_at = Align8(static_cast<std::uint32_t>(layout::kResidentHeaderSize + 2 * name.size()));
+    const std::uint32_t length = Align8(static_cast<std::uint32_t>(value_at + value.size()));
+    last_ = next_;
+    Put32(bytes_, next_ + layout::kAttrType, type);
+    Put32(bytes_, next_ + layout::kAttrLength, length);
+    Name(name, layout::kResidentHeaderSize);
+    Put16(bytes_, next_ + layout::kAttrId, id);
+    Put32(bytes_, next_ + layout::kAttrValueLength, static_cast<std::uint32_t>(value.size()));
+    Put16(bytes_, next_ + layout::kAttrValueOffset, static_cast<std::uint16_t>(value_at));
+    std::copy(value.begin(), value.end(), bytes_.begin() + static_cast<std::ptrdiff_t>(next_ + value_at));
     next_ += length;
     return *this;
   }
@@ -41,13 +62,12 @@ class RecordFixture {
     const std::size_t name_at = layout::kNonResidentHeaderSize;
     const std::size_t runs_at = Align8(static_cast<std::uint32_t>(name_at + 2 * name.size()));
     const std::uint32_t length = Align8(static_cast<std::uint32_t>(runs_at + runs.size() + 1));
+    last_ = next_;
     Put32(bytes_, next_ + layout::kAttrType, type);
     Put32(bytes_, next_ + layout::kAttrLength, length);
     bytes_[next_ + layout::kAttrNonResident] = std::byte{1};
-    bytes_[next_ + layout::kAttrNameLength] = static_cast<std::byte>(name.size());
-    Put16(bytes_, next_ + layout::kAttrNameOffset, static_cast<std::uint16_t>(name_at));
+    Name(name, name_at);
     Put16(bytes_, next_ + layout::kAttrRunListOffset, static_cast<std::uint16_t>(runs_at));
-    for (std::size_t i = 0; i < name.size(); ++i) Put16(bytes_, next_ + name_at + 2 * i, name[i]);
     for (std::size_t i = 0; i < runs.size(); ++i) bytes_[next_ + runs_at + i] = std::byte{runs[i]};
     next_ += length;
     return *this;
@@ -71,11 +91,53 @@ class RecordFixture {
   }
 
   std::vector<std::byte>& bytes() { return bytes_; }
+  // Where the attribute added last starts.
+  std::size_t last() const { return last_; }
 
  private:
+  void Name(const std::u16string& name, std::size_t at) {
+    bytes_[next_ + layout::kAttrNameLength] = static_cast<std::byte>(name.size());
+    Put16(bytes_, next_ + layout::kAttrNameOffset, static_cast<std::uint16_t>(at));
+    for (std::size_t i = 0; i < name.size(); ++i) Put16(bytes_, next_ + at + 2 * i, name[i]);
+  }
+
   static std::uint32_t Align8(std::uint32_t n) { return (n + 7) & ~7u; }
   std::vector<std::byte> bytes_;
   std::size_t next_ = 0x38;
+  std::size_t last_ = 0x38;
 };
+
+// An attribute value built field by field.
+struct Value {
+  explicit Value(std::size_t size) : bytes(size) {}
+  Value& u8(std::size_t at, std::uint8_t v) { return bytes.at(at) = std::byte{v}, *this; }
+  Value& u16(std::size_t at, std::uint16_t v) { return Put16(bytes, at, v), *this; }
+  Value& u32(std::size_t at, std::uint32_t v) { return Put32(bytes, at, v), *this; }
+  Value& u64(std::size_t at, std::uint64_t v) { return Put64(bytes, at, v), *this; }
+  Value& text(std::size_t at, std::u16string_view t) {
+    for (std::size_t i = 0; i < t.size(); ++i) u16(at + 2 * i, t[i]);
+    return *this;
+  }
+  std::vector<std::byte> bytes;
+};
+
+// The dump of the attribute added last, given the rest of the record as the record
+// dump hands it over.
+inline std::wstring DumpLast(RecordFixture& r) {
+  const Bytes header = Bytes(r.bytes()).subspan(r.last());
+  std::wostringstream os;
+  const auto attribute = Attribute::Factory(header, 8);
+  if (attribute) attribute->Dump(os, header);
+  return os.str();
+}
+
+// What a resident attribute's dump writes after its common block.
+inline std::wstring Body(std::uint32_t type, const std::vector<std::byte>& value) {
+  RecordFixture r;
+  r.Resident(type, value);
+  const std::wstring dump = DumpLast(r);
+  const std::size_t at = dump.find(L"Indexed Flag");
+  return at == std::wstring::npos ? dump : dump.substr(dump.find(L'\n', at) + 1);
+}
 
 }  // namespace koru::test

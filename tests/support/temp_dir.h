@@ -17,10 +17,11 @@ namespace koru::test {
 
 class TempDir {
  public:
-  TempDir() {
+  // Named after the running test unless given a name.
+  explicit TempDir(std::string name = "") {
     static std::atomic<unsigned> counter{0};
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "test";
+    if (name.empty()) name = info ? std::string(info->test_suite_name()) + "." + info->name() : "test";
     std::replace(name.begin(), name.end(), '/', '_');
     path_ = std::filesystem::path(KORU_TEST_TMP) /
             (name + "-" + std::to_string(std::random_device{}()) + "-" + std::to_string(counter++));

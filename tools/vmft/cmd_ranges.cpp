@@ -13,17 +13,23 @@ vmft::Registrar ranges(30, [](CLI::App& app, vmft::Global&) -> vmft::Command {
   sub->add_option("letter", *letter, "Drive letter of the volume (C, C: ...)")->required();
   sub->add_flag("--json", *json, "Print [[first,end],...]");
   return {sub, [letter, json] {
+    const auto ascii_letter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
     if (letter->empty() || letter->size() > 2 || (letter->size() == 2 && (*letter)[1] != ':') ||
-        !std::isalpha(static_cast<unsigned char>((*letter)[0]))) {
+        !ascii_letter((*letter)[0])) {
       vmft::Err(L"vmft: not a drive letter: " + vmft::Widen(*letter) + L"\n");
       return 2;
     }
     const auto wcDL = static_cast<wchar_t>(std::toupper(static_cast<unsigned char>((*letter)[0])));
+    // The library's answer is passed on only when it holds up against the volume:
+    // a partial or nonsensical map must never look like a success.
     std::vector<std::pair<std::uint64_t, std::uint64_t>> result;
-    if (!VMFT::GetMFTSectorRanges(wcDL, result)) {
-      std::wstring reason = koru::tool::LastTraceProblem();
-      if (reason.empty()) reason = L"the MFT ranges could not be read";
-      vmft::Err(L"vmft: " + reason + L"\n");
+    const bool answered = VMFT::GetMFTSectorRanges(wcDL, result);
+    std::wstring why;
+    if (!koru::tool::CheckMftRanges(wcDL, result, &why) || !answered) {
+      if (why.empty())
+        why = L"the MFT ranges of " + std::wstring(1, wcDL) + L": could not be read (trace log: " +
+              koru::tool::TraceLogPath() + L")";
+      vmft::Err(L"vmft: " + why + L"\n");
       return 1;
     }
     std::wostringstream out;

@@ -42,6 +42,7 @@ inline wchar_t DriveLetter(const std::string& text) {
 // Writes a wide text to stdout / stderr as UTF-8.
 void Out(const std::wstring& text);
 void Err(const std::wstring& text);
+// UTF-8 text (an argument, a reason) as wide text.
 std::wstring Widen(const std::string& text);
 
 }  // namespace vmft

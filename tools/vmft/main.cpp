@@ -29,11 +29,7 @@ void Err(const std::wstring& text) {
   std::cerr.flush();
 }
 
-std::wstring Widen(const std::string& text) {
-  std::wstring out;
-  for (unsigned char c : text) out += static_cast<wchar_t>(c);
-  return out;
-}
+std::wstring Widen(const std::string& text) { return koru::WideFromUtf8(text); }
 
 }  // namespace vmft
 

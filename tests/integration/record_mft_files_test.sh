@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# vmft record on every record of the raw $MFT files, each wrapped into a volume of
+# its own (a boot sector, the file at the clusters its record 0 maps) and checked as
+# record_windows_test.sh checks the Windows disks, then read as a copied $MFT
+# (--mft-file), which must give the same text; and the records of a Windows
+# volume on 4096-byte sectors, where 1024-byte records 1 to 3 share a sector with
+# record 0 and are refused by number (The Sleuth Kit refuses that volume).
+source "$(dirname "$0")/lib.sh"
+need istat fsstat python3
+
+tools=$(dirname "$0")/record_tools.py
+work=$(work_dir record-mft-files)
+check() { python3 "$tools" check "$VMFT" "$@" | tail -20 || fail "vmft record differs on $*"; }
+
+for file in xw.MFT nist-dfr16.MFT libfsntfs-mft_metadata_file.1 4k-large.mft compressed_sparse.mft deleted.mft \
+            mapping_pairs_1.mft mapping_pairs_2.mft unicode.mft; do
+  source=$KORU_SHARED_DIR/images/mft-files/$file
+  [[ -r $source ]] || skip "$source missing"
+  python3 "$tools" wrap "$source" "$work/$file.img" || fail "cannot wrap $file"
+  check "$work/$file.img" C
+  # The file read as a copied $MFT gives the same text; only the sector differs.
+  cluster=$(fsstat -f ntfs "$work/$file.img" | awk -F': ' '/^Cluster Size:/ {print $2}')
+  unplaced() { sed -E '/^Absolute Sectors/d; s/record at sector [0-9]+/record at sector S/'; }
+  for n in 0 5 38 39 41; do
+    diff <("$VMFT" --disk "$work/$file.img" record C --record $n | unplaced) \
+         <("$VMFT" record --mft-file "$source" --record $n --cluster-size "$cluster" | unplaced) ||
+      fail "$file record $n: --mft-file and the volume differ"
+  done
+  rm -f "$work/$file.img"
+done
+
+records=$KORU_SHARED_DIR/images/records
+python3 - "$records" "$work/4kn.img" <<'PY' || fail "cannot build the 4K-sector disk"
+import sys
+boot = open(f"{sys.argv[1]}/4kn-ntfs-bootsector.bin", "rb").read()
+mft = open(f"{sys.argv[1]}/4kn-ntfs-mft-records0-4.bin", "rb").read()
+with open(sys.argv[2], "wb") as disk:  # the MFT at cluster 8533, one sector a cluster
+    disk.truncate((8533 + 64) * 4096)
+    disk.write(boot)
+    disk.seek(8533 * 4096)
+    disk.write(mft)
+PY
+check "$work/4kn.img" C --bps 4096 --raw-only --records 5

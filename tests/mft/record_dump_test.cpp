@@ -1,0 +1,260 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <sstream>
+
+#include "base/ntfs_layout.h"
+#include "mft/mft.h"
+#include "mft/record_fixture.h"
+#include "support/fault_env.h"
+#include "support/temp_disk.h"
+#include "support/trace_capture.h"
+
+namespace koru {
+namespace {
+
+using test::Put16;
+using test::Put32;
+using test::RecordFixture;
+using test::Value;
+
+std::wstring Dump(const std::vector<std::byte>& record, std::uint64_t sector = 7) {
+  std::wostringstream os;
+  WriteRecordDump(os, Bytes(record).first(std::min(record.size(), layout::kRecordSize)), sector, 8);
+  return os.str();
+}
+
+bool Has(const std::wstring& text, const std::wstring& part) { return text.find(part) != std::wstring::npos; }
+
+TEST(RecordDump, HeaderFieldsAsTheyLieOnTheDisk) {
+  RecordFixture r;
+  std::vector<std::byte>& b = r.End().bytes();
+  Put16(b, layout::kRecUsaOffset, 0x30);
+  Put16(b, layout::kRecSequence, 5);
+  Put16(b, layout::kRecLinkCount, 2);
+  Put16(b, layout::kRecFlags, 3);
+  Put32(b, layout::kRecBytesInUse, 400);
+  Put32(b, layout::kRecBytesAllocated, 1024);
+  Put32(b, layout::kRecBaseRecordLo, 70000);
+  Put16(b, layout::kRecBaseRecordHi, 1);
+  Put16(b, layout::kRecBaseSequence, 3);
+  Put16(b, layout::kRecNextAttributeId, 6);
+  Put32(b, layout::kRecNumber, 42);
+  Put16(b, layout::kRecSectorEnd1, 0xABCD);
+  EXPECT_EQ(Dump(r.OnDisk(0x1234)),
+            L"\n" + std::wstring(140, L'=') +
+                L"\n"
+                L"Absolute Sectors                 : 7 & 8\n"
+                L"Record Signature                 : [FILE]\n"
+                L"Offset to update sequence array  : 48\n"
+                L"Size of update sequence array    : 3\n"
+                L"Sequence Number                  : 5\n"
+                L"Hard-link count                  : 2\n"
+                L"Offset to first attribute        : 56\n"
+                L"Flags                            : Record Segment In-Use File Name Index Present\n"
+                L"Actual size of MFT entry         : 400\n"
+                L"Allocated size of MFT entry      : 1024\n"
+                L"Base File Record Segment         : Seq=3, Hi=1, Lo=70000\n"
+                L"Next Attribute Id                : 6\n"
+                L"MFT Record Number                : 42\n"
+                L"Update Sequence Number           : 4660\n"
+                L"Update Sequence Array            : 0x34 0x12 0xcd\n");
+}
+
+TEST(RecordDump, HeaderVariants) {
+  const struct {
+    const char* what;
+    std::function<void(std::vector<std::byte>&)> change;
+    std::wstring line;
+  } cases[] = {
+      {"BAAD", [](auto& b) { test::PutText(b, 0, "BAAD"); }, L"Record Signature                 : [BAAD]\n"},
+      {"free record", [](auto& b) { Put16(b, layout::kRecFlags, 0); }, L"Flags                            :\n"},
+      {"every flag", [](auto& b) { Put16(b, layout::kRecFlags, 0xFFFF); },
+       L"Flags                            : Record Segment In-Use File Name Index Present Record is an Extension "
+       L"Special Index Present\n"},
+      {"no update sequence array", [](auto& b) { Put16(b, layout::kRecUsaCount, 0); },
+       L"Update Sequence Array            :\n"},
+      // One byte shown per word counted, from the offset the record gives.
+      {"array elsewhere", [](auto& b) { Put16(b, layout::kRecUsaOffset, 0x28), Put16(b, layout::kRecUsaCount, 5); },
+       L"Update Sequence Array            : 0x00 0x00 0x00 0x00 0x11\n"},
+      {"array cut by the record's end",
+       [](auto& b) { Put16(b, layout::kRecUsaOffset, 0x3FE), Put16(b, layout::kRecUsaCount, 0xFFFF); },
+       L"Update Sequence Array            : 0x00 0x00\n"},
+      {"first attribute of type 0", [](auto& b) { Put32(b, 0x38, 0); }, L"MFT Record Number                : 17\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    RecordFixture r;
+    r.Resident(layout::kData, 8).End();
+    std::vector<std::byte>& b = r.bytes();
+    Put32(b, layout::kRecNumber, 0x11);
+    c.change(b);
+    const std::wstring dump = Dump(b);
+    EXPECT_TRUE(Has(dump, c.line)) << testing::PrintToString(dump);
+    EXPECT_EQ(Has(dump, L"\n$DATA\n"), std::string(c.what) != "first attribute of type 0");
+  }
+}
+
+// Single records no volume holds, read by hand from their bytes (the integration
+// tests compare whole volumes with istat). The dump shows a record unpatched: a name
+// crossing a sector's end shows the update sequence number there.
+TEST(RecordDump, RealRecords) {
+  const struct {
+    const char* file;
+    std::vector<std::wstring> lines;
+  } cases[] = {
+      {"records/rp.bin",
+       {L"MFT Record Number                : 106\n", L"File Name                           : [link.txt]\n",
+        L"Reparse Type                        : 0x0c Symbolic-Link\n"
+        L"Reparse Flags                       : Microsoft Name-Surrogate\n"
+        L"Reparse Data Length                 : 52\n"
+        L"Print Name                          : [target.txt]\n"
+        L"Substitute Name                     : [target.txt]\n"
+        L"Flags                               : 0x1\n"}},
+      {"records/entry_super_long_name_001.bin",
+       {L"File Name Length (wchar_t)          : 228\n", L"_super_sup?r_super_", L"longname.txt]\n"}},
+      // Its first half ends in 0x0046 where the update sequence number is 24.
+      {"records/entry_102130_fixup_issue.bin",
+       {L"Update Sequence Number           : 24\n", L"Reference To The Parent Directory   : 101990/7\n",
+        L"File Name                           : [Application?Data]\n", L"Name                                : [$I30]\n"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::wstring dump = Dump(test::ReadFileBytes(test::SharedImage(c.file)));
+    for (const auto& line : c.lines) EXPECT_TRUE(Has(dump, line)) << testing::PrintToString(line);
+  }
+}
+
+// Every length, offset and count a record gives is read inside the record (the
+// sanitizer build checks it), and a broken walk says so in the dump.
+TEST(RecordDump, HostileRecordsEndInsideTheBuffer) {
+  RecordFixture base;
+  Value list(32 + 32);
+  list.u32(0, layout::kData).u16(4, 32).u8(6, 2).u8(7, 26).u32(32, layout::kData).u16(36, 32);
+  Value reparse(40);
+  reparse.u32(0, 0xA000000C).u16(4, 30).u16(8, 0).u16(10, 8).u16(12, 8).u16(14, 8);
+  base.Resident(layout::kStandardInformation, Value(72).bytes);
+  const std::size_t si = base.last();
+  base.Resident(layout::kAttributeList, list.bytes);
+  const std::size_t al = base.last();
+  base.Resident(layout::kFileName, Value(66 + 8).u8(64, 4).bytes);
+  const std::size_t fn = base.last();
+  base.NonResident(layout::kData, {0x11, 0x04, 0x10}, u"ads");
+  const std::size_t data = base.last();
+  base.Resident(layout::kReparsePoint, reparse.bytes);
+  const std::size_t rp = base.last();
+  base.End();
+
+  const struct {
+    const char* what;
+    std::size_t at;
+    std::uint32_t value;
+    int width;
+  } cases[] = {
+      {"value length past the record", fn + layout::kAttrValueLength, 0xFFFFFFFF, 4},
+      {"value cut by the record's end", si + layout::kAttrValueOffset, 0x3A0, 2},
+      {"name past the record", data + layout::kAttrNameOffset, 0xFFFF, 2},
+      {"run list offset past the record", data + layout::kAttrRunListOffset, 0xFFFF, 2},
+      {"file name longer than its value", fn + 0x18 + layout::kFnNameLength, 0xFF, 1},
+      {"list entry of length 0", al + 0x18 + layout::kAlRecordLength, 0, 2},
+      {"list entry name past the value", al + 0x18 + layout::kAlNameOffset, 0xFF, 1},
+      {"attribute length past the record", rp + layout::kAttrLength, 0x1000, 2},
+      {"attribute length 0", data + layout::kAttrLength, 0, 4},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto bytes = base.bytes();
+    test::PutLe(bytes, c.at, c.value, c.width);
+    test::TraceCapture trace;
+    const std::wstring dump = Dump(bytes);
+    EXPECT_TRUE(Has(dump, L"\n$STANDARD_INFORMATION\n"));
+    const bool stopped = Has(dump, L"*** attribute walk stopped: ");
+    EXPECT_EQ(stopped, trace.Contains(L"[E]: AttributeWalk::Next : attribute walk stopped"));
+    // What was left out is said in the dump or traced.
+    EXPECT_TRUE(stopped || trace.Contains(L"cut short by the end of the record or value") ||
+                trace.Contains(L"... ending(value of") || trace.Contains(L"entry of length 0") ||
+                trace.Contains(L"run list offset lies past"))
+        << testing::PrintToString(dump);
+  }
+}
+
+// MFT::Read through an attached disk.
+MFT Reader(std::uint32_t sector_size, std::uint64_t sector) {
+  MFT mft;
+  std::wcscpy(mft.m_wszPhysicalDrive, L"\\\\.\\PhysicalDrive0");
+  mft.m_wcDriveLetter = L'C';
+  mft.m_dwBytesPerSector = sector_size;
+  mft.m_dwSectorsPerCluster = 8;
+  mft.m_uiMftSector = sector;
+  // The disk stands in for the volume hint: the images here have no lettered volume.
+  mft.m_hVolumeHint = platform::Env::Default().CreateFileW(mft.m_wszPhysicalDrive, platform::kGenericRead, 0,
+                                                            platform::kOpenExisting, 0);
+  return mft;
+}
+
+// A record whose resident value covers the first sector's end, at sector 3.
+std::vector<std::byte> RecordOnDisk() {
+  RecordFixture r;
+  Value v(0x1E0);
+  for (std::size_t i = 0; i < v.bytes.size(); ++i) v.u8(i, 'A');
+  r.Resident(layout::kLoggedUtilityStream, v.bytes).End();
+  return r.OnDisk(0x0707);
+}
+
+TEST(MftRead, DumpsTheRecordUnpatched) {
+  const auto record = RecordOnDisk();
+  for (std::uint32_t sector_size : {512u, 4096u}) {
+    SCOPED_TRACE(sector_size);
+    std::vector<std::byte> image(3 * sector_size);
+    image.insert(image.end(), record.begin(), record.end());
+    image.resize(5 * sector_size);
+    test::TempDisk disk(image, sector_size);
+    MFT mft = Reader(sector_size, 3);
+    std::wostringstream os;
+    ASSERT_TRUE(mft.Read(os));
+    mft.CloseHandles();
+    EXPECT_EQ(os.str(), Dump(record, 3));
+    // The value's bytes at the sector end are the update sequence number, not 'A's.
+    EXPECT_TRUE(Has(os.str(), L"41 41 07 07 \tAAAAAAAAAAAAAA..\n"));
+  }
+}
+
+TEST(MftRead, EveryReadFailureWritesNothingAndTracesItsEnding) {
+  std::vector<std::byte> image(2 * 512);
+  const auto record = RecordOnDisk();
+  image.insert(image.end(), record.begin(), record.end());
+  test::TempDisk disk(image, 512);
+  test::FaultEnv env(platform::Env::Default());
+  platform::ScopedEnv scoped(env);
+  const struct {
+    std::function<void(MFT&)> inject;
+    const wchar_t* trace;
+  } cases[] = {
+      {[](MFT& m) { m.CloseHandles(); }, L"[E]: MFT::Read : ... ending(SetVolumeHintHandle() failed)"},
+      {[&](MFT&) { env.FailCall(test::Call::CreateFileW, platform::kErrorAccessDenied); },
+       L"[E]: MFT::Read : ... ending(CreateFile() failed) : dwLastError = 5"},
+      {[&](MFT&) { env.FailCall(test::Call::SetFilePointerEx, platform::kErrorSeek); },
+       L"[E]: MFT::Read : ... ending(SetFilePointerEx() failed) : dwLastError = 25"},
+      {[&](MFT&) { env.SeekOff(-1); },
+       L"[E]: MFT::Read : ... ending(SetFilePointerEx() failed to seek to requested offset)"},
+      {[&](MFT&) { env.FailCall(test::Call::ReadFile, platform::kErrorReadFault); },
+       L"[E]: MFT::Read : ... ending(ReadFile() failed) : dwLastError = 30"},
+      {[&](MFT&) { env.ShortRead(1023); }, L"[E]: MFT::Read : ... ending(Didn't read the whole MFT record)"},
+      {[](MFT& m) { m.m_uiMftSector = 5; }, L"[E]: MFT::Read : ... ending(Didn't read the whole MFT record)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(c.trace)));
+    MFT mft = Reader(512, 2);
+    c.inject(mft);
+    test::TraceCapture trace;
+    std::wostringstream os;
+    EXPECT_FALSE(mft.Read(os));
+    EXPECT_EQ(os.str(), L"");
+    EXPECT_TRUE(trace.Has(c.trace));
+    mft.CloseHandles();
+  }
+}
+
+}  // namespace
+}  // namespace koru
