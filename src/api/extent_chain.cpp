@@ -39,6 +39,7 @@ MFT MakeReader(const ExtentPlace& place, wchar_t letter, std::uint64_t sector) {
   mft.m_dwSectorsPerCluster = place.sectors_per_cluster;
   mft.m_uiVolumeStartSector = place.start_sector;
   mft.m_uiMftSector = sector;
+  mft.m_dwBytesPerFileRecord = place.bytes_per_record;
   return mft;
 }
 

@@ -96,13 +96,13 @@ bool MFT::ReadMftRecord(std::uint64_t uiSectorNo, RecordBuffer& record) {
     if (le16Or0(bytes, layout::kRecSectorEnd1) == usn && le16Or0(bytes, layout::kRecSectorEnd2) == usn) {
       const std::uint16_t fixup1 = le16Or0(bytes, layout::kRecFixUp1);
       const std::uint16_t fixup2 = le16Or0(bytes, layout::kRecFixUp2);
-      varnel::CTrace& trace = fn.trace();
-      trace.Trace(varnel::kTraceVerbose, L"MFT::ReadMftRecord : Found USN", L"mft.header.UpdateSequenceNumber",
-                  std::uint64_t{usn});
-      trace.Trace(varnel::kTraceVerbose, L"MFT::ReadMftRecord : Found FixUp1", L"mft.header.FixUp1",
-                  std::uint64_t{fixup1});
-      trace.Trace(varnel::kTraceVerbose, L"MFT::ReadMftRecord : Found FixUp2", L"mft.header.FixUp2",
-                  std::uint64_t{fixup2});
+      // Through ValueOf: a record read at the default level builds no trace text.
+      FnTrace::ValueOf(fn.trace(), varnel::kTraceVerbose, L"MFT::ReadMftRecord : Found USN",
+                       L"mft.header.UpdateSequenceNumber", usn);
+      FnTrace::ValueOf(fn.trace(), varnel::kTraceVerbose, L"MFT::ReadMftRecord : Found FixUp1",
+                       L"mft.header.FixUp1", fixup1);
+      FnTrace::ValueOf(fn.trace(), varnel::kTraceVerbose, L"MFT::ReadMftRecord : Found FixUp2",
+                       L"mft.header.FixUp2", fixup2);
       StoreLe16(bytes, layout::kRecSectorEnd1, fixup1);
       StoreLe16(bytes, layout::kRecSectorEnd2, fixup2);
     }

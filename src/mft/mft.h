@@ -24,6 +24,8 @@ class MFT {
   platform::DWORD m_dwSectorsPerCluster = 0;
   std::uint64_t m_uiVolumeStartSector = 0;
   std::uint64_t m_uiMftSector = 0;
+  // Bytes per file record from the boot sector; 0 when unknown.
+  platform::DWORD m_dwBytesPerFileRecord = 0;
 
   bool ReadMftRecord(std::uint64_t uiSectorNo, RecordBuffer& record);
   bool SetVolumeHintHandle();

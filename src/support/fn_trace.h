@@ -13,10 +13,10 @@ class FnTrace {
  public:
   explicit FnTrace(const wchar_t* function, CTrace& trace = varnel::Trace())
       : m_function(function), m_trace(trace) {
-    m_trace.Trace(kTraceVerbose, m_function, L"starting ...");
+    if (Wanted(m_trace, kTraceVerbose)) m_trace.Trace(kTraceVerbose, m_function, L"starting ...");
   }
   ~FnTrace() {
-    if (!m_ended) m_trace.Trace(kTraceVerbose, m_function, L"... ending");
+    if (!m_ended && Wanted(m_trace, kTraceVerbose)) m_trace.Trace(kTraceVerbose, m_function, L"... ending");
   }
   FnTrace(const FnTrace&) = delete;
   FnTrace& operator=(const FnTrace&) = delete;
@@ -26,23 +26,26 @@ class FnTrace {
 
   // "... ending(reason)"; the destructor then writes nothing more.
   void End(const wchar_t* reason, DWORD level = kTraceVerbose) {
+    m_ended = true;
+    if (!Wanted(m_trace, level)) return;
     std::wstring text = L"... ending(";
     text += reason;
     text += L")";
     m_trace.Trace(level, m_function, text.c_str());
-    m_ended = true;
   }
   // An ending written verbatim (for texts whose parentheses are not balanced).
   void EndText(const wchar_t* text, DWORD level = kTraceVerbose) {
-    m_trace.Trace(level, m_function, text);
+    if (Wanted(m_trace, level)) m_trace.Trace(level, m_function, text);
     m_ended = true;
   }
   // "... ending" now, for exits that must trace it before later work (closing handles).
   void Ended() {
-    if (!m_ended) m_trace.Trace(kTraceVerbose, m_function, L"... ending");
+    if (!m_ended && Wanted(m_trace, kTraceVerbose)) m_trace.Trace(kTraceVerbose, m_function, L"... ending");
     m_ended = true;
   }
-  void Message(const wchar_t* text, DWORD level = kTraceInfo) { m_trace.Trace(level, m_function, text); }
+  void Message(const wchar_t* text, DWORD level = kTraceInfo) {
+    if (Wanted(m_trace, level)) m_trace.Trace(level, m_function, text);
+  }
 
   // A failed system call: function + " : " + what, value dwLastError (error level).
   // A `what` that is an ending ("... ending(...)") ends the function's trace too.
@@ -68,6 +71,7 @@ class FnTrace {
   template <typename T>
   static void ValueOf(CTrace& trace, DWORD level, const wchar_t* function, const wchar_t* name,
                       const T& value) {
+    if (!Wanted(trace, level)) return;
     if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, wchar_t> || std::is_same_v<T, char> ||
                   std::is_same_v<T, Bool32> || std::is_same_v<T, double>) {
       trace.Trace(level, function, name, value);
@@ -80,6 +84,13 @@ class FnTrace {
     } else {
       trace.Trace(level, function, name, value);
     }
+  }
+
+  // Information and verbose entries that the level mask drops are skipped before
+  // their text is built (hot loops trace at these levels); errors and warnings
+  // always go to the trace, which keeps the last one for the command line.
+  static bool Wanted(CTrace& trace, DWORD level) {
+    return level == kTraceError || level == kTraceWarning || (trace.GetLevel() & level) != 0;
   }
 
  private:

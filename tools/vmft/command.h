@@ -32,6 +32,13 @@ struct Entry {
 };
 std::vector<Entry>& Registry();
 
+// "C", "c" or "C:" as the upper-case letter; 0 for anything else.
+inline wchar_t DriveLetter(const std::string& text) {
+  const bool form = (text.size() == 1 || (text.size() == 2 && text[1] == ':')) &&
+                    ((text[0] >= 'A' && text[0] <= 'Z') || (text[0] >= 'a' && text[0] <= 'z'));
+  return form ? static_cast<wchar_t>(text[0] & ~0x20) : 0;
+}
+
 // Writes a wide text to stdout / stderr as UTF-8.
 void Out(const std::wstring& text);
 void Err(const std::wstring& text);

@@ -1,0 +1,111 @@
+// The info file's bytes, from a table of files: the same test runs on Linux and,
+// under Wine, on Windows, so both write the same bytes for the same map.
+#include "hardlinks/info_file.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "support/fake_files_env.h"
+#include "support/temp_dir.h"
+#include "support/trace_capture.h"
+
+namespace koru {
+namespace {
+
+using test::Call;
+
+class InfoFile : public ::testing::Test {
+ protected:
+  InfoFile() : faults_(static_cast<platform::Env&>(files_)), scope_(faults_) {
+    files_.host = "BUILD01";
+    std::tm t{};
+    t.tm_year = 2026 - 1900;
+    t.tm_mon = 10;
+    t.tm_mday = 5;
+    t.tm_hour = 9;
+    t.tm_min = 7;
+    t.tm_sec = 3;
+    files_.local_time = t;
+  }
+  // Writes the file for `map` (names asked for through V:, written under C:) and reads it back.
+  std::string Write(const HardLinkMap& map, bool expected = true) {
+    std::filesystem::remove(dir_ / "hl.ini");
+    EXPECT_EQ(WriteHardLinkInfo(dir_.win("hl.ini").c_str(), L'C', L'V', map), expected);
+    EXPECT_EQ(files_.open_handles(), 0u);
+    return dir_.Exists("hl.ini") ? dir_.Read("hl.ini") : "(none)";
+  }
+
+  test::FakeFilesEnv files_;
+  test::FaultEnv faults_;
+  platform::ScopedEnv scope_;
+  test::TempDir dir_;
+  test::TraceCapture trace_;
+};
+
+const std::string kHead = "; Varnel generated file for (BUILD01) - do not edit\r\n; Generated on 05 Nov 2026 at 09:07:03\r\n\r\n";
+
+TEST_F(InfoFile, OneSectionPerFileWithTwoNamesOrMoreInKeyOrderThenTheTotals) {
+  files_.files = {
+      {1, {L"\\Windows\\tool.exe", L"\\Program Files\\Tool\\bin\\tool.exe", L"\\ProgramData\\Tool\\tool.exe"}, 1048576},
+      {2, {L"\\Windows\\System32\\drivers\\etc\\hosts.bak", L"\\Windows\\WinSxS\\amd64_sample_0001\\hosts.bak"}, 824},
+      {3, {L"\\caf\u00e9\\r\u00e9sum\u00e9.txt", L"\\b.txt"}, 5},
+      {4, {L"\\one.txt", L"\\Windows\\Temp\\two.txt"}, 9},  // its other name is skipped
+  };
+  const std::string file = Write({{0x13b07, L"\\Windows\\tool.exe"},
+                                  {0xa3f1, L"\\Windows\\WinSxS\\amd64_sample_0001\\hosts.bak"},
+                                  {0xFFFF000000000001, L"\\b.txt"},
+                                  {5, L"\\one.txt"},
+                                  {6, L"\\gone.txt"}});
+  EXPECT_EQ(file, kHead +
+                      "[00000000a3f1]\r\nFile0=C:\\Windows\\System32\\drivers\\etc\\hosts.bak\r\n"
+                      "File1=C:\\Windows\\WinSxS\\amd64_sample_0001\\hosts.bak\r\nCount=2\r\nSize=824\r\n"
+                      "[000000013b07]\r\nFile0=C:\\Program Files\\Tool\\bin\\tool.exe\r\nFile1=C:\\ProgramData\\Tool\\tool.exe\r\n"
+                      "File2=C:\\Windows\\tool.exe\r\nCount=3\r\nSize=1048576\r\n"
+                      "[ffff000000000001]\r\nFile0=C:\\b.txt\r\nFile1=C:\\caf\xe9\\r\xe9sum\xe9.txt\r\nCount=2\r\nSize=5\r\n"
+                      "[Totals]\r\nSections=3\r\nBytes=1049405\r\n");
+  EXPECT_TRUE(trace_.Has(L"[V]: VMFT::WriteHLInfo : HardLink.first = 5"));
+  EXPECT_TRUE(trace_.Has(L"[V]: VMFT::WriteHLInfo : sFileName = \"V:\\one.txt\""));
+  EXPECT_TRUE(trace_.Has(L"[V]: VMFT::WriteHLInfo : Link Name list size <= 1"));
+  EXPECT_TRUE(trace_.Has(L"[V]: VMFT::WriteHLInfo : ...  ending"));
+}
+
+TEST_F(InfoFile, WhatTheSystemCannotSayOrTheFileCannotHoldIsLeftOut) {
+  const std::string totals = "[Totals]\r\nSections=0\r\nBytes=0\r\n";
+  using Setup = std::function<void(test::FakeFilesEnv&, test::FaultEnv&)>;
+  const struct {
+    const char* what;
+    Setup setup;
+    std::string file;
+  } cases[] = {
+      {"nothing to list", nullptr, kHead + totals},
+      {"no host name, no local time",
+       [](test::FakeFilesEnv& files, test::FaultEnv& faults) {
+         files.host.reset();
+         faults.FailCall(Call::GetNetworkParams, 50);
+         faults.FailCall(Call::LocalTime64, 22);
+       },
+       "; Varnel generated file - do not edit\r\n" + totals},
+      // A character above U+00FF has no byte: the file ends just before it.
+      {"a name beyond Latin-1",
+       [](test::FakeFilesEnv& files, test::FaultEnv&) { files.files = {{1, {L"\\a\\x.txt", L"\\b\\\u0100x.txt"}, 1}}; },
+       kHead + "[000000000001]\r\nFile0=C:\\a\\x.txt\r\nFile1=C:\\b\\"},
+      {"a file that cannot be opened",
+       [](test::FakeFilesEnv&, test::FaultEnv& faults) { faults.FailCall(Call::CreateFileW, platform::kErrorAccessDenied); },
+       "(none)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    files_.files.clear();
+    files_.host = "BUILD01";
+    if (c.setup) c.setup(files_, faults_);
+    HardLinkMap map;
+    if (!files_.files.empty()) map[1] = L"\\a\\x.txt";
+    EXPECT_EQ(Write(map, c.file != "(none)"), c.file);
+  }
+  EXPECT_TRUE(trace_.Has(L"[E]: VMFT::WriteHLInfo : localtime_s() failed : dwLastError = 22"));
+  EXPECT_TRUE(trace_.Has(L"[E]: VMFT::WriteHLInfo : ... ending(Failed to open HLInfo file)"));
+}
+
+}  // namespace
+}  // namespace koru

@@ -1,0 +1,171 @@
+// FakeFilesEnv: the files of a volume as the file-level calls see them, from a table
+// a test fills. A file has an id (sequence number << 48 | record number), its names
+// on the volume (leading backslash) in the order the system lists them, and a size;
+// every name is reachable as \\?\X:\... under any drive letter X. Other paths (disks,
+// an info file in a temporary directory) go to the wrapped Env. Host name and local
+// time are fixed once set. Wrap it in a FaultEnv to make chosen calls fail on top.
+// Not thread-safe: touched only from the test's own thread.
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <cwctype>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/fault_env.h"
+
+namespace koru::test {
+
+class FakeFilesEnv : public FaultEnv {
+ public:
+  struct File {
+    std::uint64_t id = 0;
+    std::vector<std::wstring> names;
+    std::int64_t size = 0;
+  };
+  using HANDLE = platform::HANDLE;
+
+  explicit FakeFilesEnv(platform::Env& inner = platform::Env::Default()) : FaultEnv(inner) {}
+
+  std::vector<File> files;
+  // Names a file for an id the table lacks; unset: OpenFileById fails with ERROR_INVALID_PARAMETER.
+  std::function<std::wstring(std::uint64_t id)> name_unknown_id;
+  std::optional<std::string> host;  // GetNetworkParams; unset: the wrapped Env answers
+  std::optional<std::tm> local_time;
+  std::size_t open_handles() const { return open_.size(); }
+
+  HANDLE OpenFileById(HANDLE hint, const platform::FileIdDescriptor* id, DWORD, DWORD, DWORD) override {
+    if (!platform::IsValid(hint) || id == nullptr || id->dwSize != 24 || id->Type != 0)
+      return FailHandle(platform::kErrorInvalidParameter);
+    const auto wanted = static_cast<std::uint64_t>(id->FileId);
+    for (std::size_t i = 0; i < files.size(); ++i)
+      if (files[i].id == wanted) return Open(i);
+    if (!name_unknown_id) return FailHandle(platform::kErrorInvalidParameter);
+    files.push_back({wanted, {name_unknown_id(wanted)}, 0});
+    return Open(files.size() - 1);
+  }
+  // FILE_NAME_INFO: the byte length of the first name, then its UTF-16 units as far as they fit.
+  bool GetFileInformationByHandleEx(HANDLE h, DWORD info_class, void* buffer, DWORD size) override {
+    const Handle* open = Find(h);
+    if (open == nullptr) return FaultEnv::GetFileInformationByHandleEx(h, info_class, buffer, size);
+    if (info_class != platform::kFileNameInfo || size < platform::kFileNameInfoHeader)
+      return Fail(platform::kErrorInvalidParameter);
+    std::u16string units;
+    for (wchar_t c : files[open->file].names.at(0)) {
+      const auto v = static_cast<std::uint32_t>(c);
+      if (v >= 0x10000) units += static_cast<char16_t>(0xD800 + ((v - 0x10000) >> 10));
+      units += static_cast<char16_t>(v >= 0x10000 ? 0xDC00 + ((v - 0x10000) & 0x3FF) : v);
+    }
+    auto* bytes = static_cast<unsigned char*>(buffer);
+    const auto length = static_cast<std::uint32_t>(2 * units.size());
+    for (std::size_t i = 0; i < 4; ++i) bytes[i] = static_cast<unsigned char>(length >> (8 * i));
+    for (std::size_t i = 0; i < units.size() && 4 + 2 * i + 1 < size; ++i) {
+      bytes[4 + 2 * i] = static_cast<unsigned char>(units[i] & 0xFF);
+      bytes[5 + 2 * i] = static_cast<unsigned char>(units[i] >> 8);
+    }
+    return 4 + length <= size || Fail(platform::kErrorMoreData);
+  }
+  HANDLE FindFirstFileNameW(const wchar_t* path, DWORD, DWORD* length, wchar_t* buffer) override {
+    const auto file = Lookup(path);
+    if (!file) return FailHandle(platform::kErrorFileNotFound);
+    if (!CopyName(files[*file].names.at(0), length, buffer)) return platform::InvalidHandle();
+    const HANDLE h = Open(*file);
+    open_[Key(h)].next = 1;
+    return h;
+  }
+  bool FindNextFileNameW(HANDLE h, DWORD* length, wchar_t* buffer) override {
+    Handle* open = Find(h);
+    if (open == nullptr) return FaultEnv::FindNextFileNameW(h, length, buffer);
+    const auto& names = files[open->file].names;
+    if (open->next >= names.size()) return Fail(platform::kErrorHandleEof);
+    return CopyName(names[open->next], length, buffer) && ++open->next;
+  }
+  bool FindClose(HANDLE h) override { return open_.erase(Key(h)) == 1 || FaultEnv::FindClose(h); }
+  HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition, DWORD flags) override {
+    if (!OnVolume(path)) return FaultEnv::CreateFileW(path, access, share, disposition, flags);
+    const auto file = Lookup(path);
+    return file ? Open(*file) : FailHandle(platform::kErrorFileNotFound);
+  }
+  bool GetFileSizeEx(HANDLE h, std::int64_t* size) override {
+    const Handle* open = Find(h);
+    if (open == nullptr) return FaultEnv::GetFileSizeEx(h, size);
+    *size = files[open->file].size;
+    return true;
+  }
+  bool CloseHandle(HANDLE h) override { return open_.erase(Key(h)) == 1 || FaultEnv::CloseHandle(h); }
+  bool PathFileExistsW(const wchar_t* path) override {
+    if (!OnVolume(path)) return FaultEnv::PathFileExistsW(path);
+    return Lookup(path) || Fail(platform::kErrorFileNotFound);
+  }
+  DWORD GetNetworkParams(void* info, DWORD* size) override {
+    if (!host) return FaultEnv::GetNetworkParams(info, size);
+    const DWORD needed = 2 * platform::kFixedInfoHostNameSize;
+    if (info == nullptr || *size < needed) {
+      *size = needed;
+      return platform::kErrorBufferOverflow;
+    }
+    std::memset(info, 0, needed);
+    std::memcpy(info, host->c_str(), std::min(host->size(), platform::kFixedInfoHostNameSize - 1));
+    return platform::kErrorSuccess;
+  }
+  int LocalTime64(std::int64_t t, std::tm* out) override {
+    if (!local_time) return FaultEnv::LocalTime64(t, out);
+    *out = *local_time;
+    return 0;
+  }
+
+ private:
+  struct Handle {
+    std::size_t file;
+    std::size_t next = 0;  // a find handle's next name
+  };
+  static std::uintptr_t Key(HANDLE h) { return reinterpret_cast<std::uintptr_t>(h); }
+  static std::wstring Fold(std::wstring text) {
+    for (auto& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
+    return text;
+  }
+  static bool OnVolume(const wchar_t* path) {
+    return path != nullptr && std::wcsncmp(path, L"\\\\?\\", 4) == 0 && path[4] != 0 && path[5] == L':';
+  }
+  bool Fail(DWORD error) {
+    SetLastError(error);
+    return false;
+  }
+  HANDLE FailHandle(DWORD error) {
+    SetLastError(error);
+    return platform::InvalidHandle();
+  }
+  std::optional<std::size_t> Lookup(const wchar_t* path) const {
+    if (!OnVolume(path)) return std::nullopt;
+    for (std::size_t i = 0; i < files.size(); ++i)
+      for (const auto& name : files[i].names)
+        if (Fold(name) == Fold(path + 6)) return i;
+    return std::nullopt;
+  }
+  // The name and its terminator, or ERROR_MORE_DATA with the length needed.
+  bool CopyName(const std::wstring& name, DWORD* length, wchar_t* buffer) {
+    const auto needed = static_cast<DWORD>(name.size() + 1);
+    const bool fits = *length >= needed;
+    if (fits) std::copy(name.c_str(), name.c_str() + needed, buffer);
+    *length = needed;
+    return fits || Fail(platform::kErrorMoreData);
+  }
+  HANDLE Open(std::size_t file) {
+    open_[next_handle_ += 4] = Handle{file};
+    return reinterpret_cast<HANDLE>(next_handle_);
+  }
+  Handle* Find(HANDLE h) {
+    auto it = open_.find(Key(h));
+    return it == open_.end() ? nullptr : &it->second;
+  }
+
+  std::map<std::uintptr_t, Handle> open_;
+  std::uintptr_t next_handle_ = 0x5EED0000;
+};
+
+}  // namespace koru::test
