@@ -21,6 +21,9 @@ struct VolumeInfo {
   std::int64_t length = 0;  // bytes
   std::uint32_t bytes_per_sector = 0;
   std::wstring kind;  // "NTFS" or "BitLocker"
+  std::wstring disk_path;    // the attached file or device (Linux); empty on Windows
+  std::wstring disk_format;  // "raw", "split raw", "VHD", "VHDX", "VMDK", "E01" or "block device"
+  std::uint32_t disk_files = 0;  // files the disk is read from: E01 segments, split raw parts
 };
 
 // "PATH[:SECTOR_SIZE]": the next \\.\PhysicalDriveN. False with a reason when refused.

@@ -20,7 +20,8 @@ bool PinVolume(const std::string& arg, std::string* error) { return platform::Pi
 std::vector<VolumeInfo> ListVolumes() {
   std::vector<VolumeInfo> out;
   for (const auto& v : platform::ListVolumes())
-    out.push_back({v.letter, v.volume_name, v.disk, v.offset, v.length, v.bytes_per_sector, v.kind});
+    out.push_back({v.letter, v.volume_name, v.disk, v.offset, v.length, v.bytes_per_sector, v.kind, v.disk_path,
+                   v.disk_format, v.disk_files});
   return out;
 }
 

@@ -19,6 +19,10 @@ struct ListedVolume {
   std::int64_t length = 0;  // bytes
   DWORD bytes_per_sector = 0;
   std::wstring kind;  // "NTFS" or "BitLocker"
+  // The disk it is on, where the backend names one (Linux: the attached file or device).
+  std::wstring disk_path;
+  std::wstring disk_format;  // "raw", "VHDX", "E01", "block device", ...
+  DWORD disk_files = 0;      // files of the image: segments of an E01, parts of a split raw
 };
 
 // "PATH[:SECTOR_SIZE]": the next \\.\PhysicalDriveN. False with a reason when refused.

@@ -20,6 +20,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "base/utf8.h"
 #include "platform/disks.h"
 
 namespace platform {
@@ -28,7 +29,9 @@ namespace {
 struct Disk {
   std::string path;
   DWORD given_sector_size = 0;  // 0: not given
-  bool block_device = false;
+  posix::ImageKind kind;
+  std::shared_ptr<posix::ContainerImage> image;  // a container's; raw files and devices are read directly
+  bool block_device() const { return kind.format == posix::ImageFormat::kBlockDevice; }
 };
 
 struct Registry {
@@ -98,8 +101,12 @@ bool ParseDiskSpec(const std::string& arg, Disk* disk, std::string* error) {
     *error = "not a disk image or block device";
     return false;
   }
-  *disk = {path, size, S_ISBLK(st.st_mode)};
-  return true;
+  *disk = {path, size, {}, nullptr};
+  if (!posix::IdentifyImage(path, &disk->kind, error)) return false;
+  if (disk->kind.format == posix::ImageFormat::kBlockDevice || disk->kind.format == posix::ImageFormat::kRaw)
+    return true;
+  disk->image = posix::ContainerImage::Open(disk->kind, error);
+  return disk->image != nullptr;
 }
 
 // L=DISK:PARTITION
@@ -151,7 +158,8 @@ std::vector<Disk> MachineDisks() {
     names.push_back(name);
   }
   std::vector<Disk> disks;
-  for (const auto& name : posix::OrderMachineDisks(std::move(names))) disks.push_back({"/dev/" + name, 0, true});
+  for (const auto& name : posix::OrderMachineDisks(std::move(names)))
+    disks.push_back({"/dev/" + name, 0, {posix::ImageFormat::kBlockDevice, {"/dev/" + name}}, nullptr});
   return disks;
 }
 
@@ -179,15 +187,23 @@ void Scan(Registry& r) {
   std::vector<int> open;
   for (std::size_t d = 0; d < r.disks.size(); ++d) {
     const Disk& disk = r.disks[d];
+    DiskSource& source = sources[d];
+    if (disk.image) {
+      source.read_at = [image = disk.image](std::uint64_t offset, std::span<std::byte> out) {
+        return image->Read(offset, out) == static_cast<std::int64_t>(out.size());
+      };
+      source.size = disk.image->size();
+      source.sector_size = disk.given_sector_size != 0 ? disk.given_sector_size : disk.image->sector_size();
+      continue;
+    }
     const int fd = ::open(disk.path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) continue;  // keeps its number, with nothing on it
     open.push_back(fd);
-    DiskSource& source = sources[d];
     source.read_at = [fd](std::uint64_t offset, std::span<std::byte> out) { return ReadAt(fd, offset, out); };
-    source.size = SizeOf(fd, disk.block_device);
+    source.size = SizeOf(fd, disk.block_device());
     source.sector_size = disk.given_sector_size;
     int kernel = 0;
-    if (source.sector_size == 0 && disk.block_device && ::ioctl(fd, BLKSSZGET, &kernel) == 0 && kernel > 0)
+    if (source.sector_size == 0 && disk.block_device() && ::ioctl(fd, BLKSSZGET, &kernel) == 0 && kernel > 0)
       source.sector_size = static_cast<DWORD>(kernel);
   }
   r.map = DiskMap(sources, r.pins);
@@ -203,7 +219,9 @@ bool ResolveDevice(const std::wstring& path, DeviceBinding* binding, DWORD* erro
   std::lock_guard<std::mutex> lock(r.mutex);
   Scan(r);
   if (!r.map.Resolve(path, binding, error)) return false;
-  binding->host_path = r.disks[static_cast<std::size_t>(binding->disk)].path;
+  const Disk& disk = r.disks[static_cast<std::size_t>(binding->disk)];
+  binding->host_path = disk.path;
+  binding->image = disk.image;
   return true;
 }
 
@@ -275,10 +293,13 @@ std::vector<ListedVolume> ListVolumes() {
   std::lock_guard<std::mutex> lock(r.mutex);
   Scan(r);
   std::vector<ListedVolume> out;
-  for (const auto& v : r.map.volumes())
-    if (v.letter != 0)
-      out.push_back({v.letter, L"\\\\?\\Volume" + v.guid + L"\\", static_cast<DWORD>(v.disk), v.offset, v.length,
-                     r.map.sector_size(v.disk), v.kind});
+  for (const auto& v : r.map.volumes()) {
+    if (v.letter == 0) continue;
+    const Disk& disk = r.disks[static_cast<std::size_t>(v.disk)];
+    out.push_back({v.letter, L"\\\\?\\Volume" + v.guid + L"\\", static_cast<DWORD>(v.disk), v.offset, v.length,
+                   r.map.sector_size(v.disk), v.kind, koru::WideFromUtf8(disk.path),
+                   koru::WideFromUtf8(posix::FormatName(disk.kind.format)), static_cast<DWORD>(disk.kind.files.size())});
+  }
   std::sort(out.begin(), out.end(), [](const ListedVolume& a, const ListedVolume& b) { return a.letter < b.letter; });
   return out;
 }

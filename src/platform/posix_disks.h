@@ -8,12 +8,15 @@
 
 #include "platform/disk_map.h"
 #include "platform/env.h"
+#include "platform/posix_image.h"
 
 namespace platform {
 
-// Where a device path reads from: a window of a host file.
+// Where a device path reads from: a window of a host file, or of the container
+// image opened for it (shared with the file-level services).
 struct DeviceBinding : DeviceWindow {
   std::string host_path;
+  std::shared_ptr<posix::ContainerImage> image;  // null: the host file is read directly
 };
 
 namespace posix {

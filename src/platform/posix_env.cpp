@@ -238,6 +238,7 @@ HANDLE PosixEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD /*share*/,
     }
     file.is_device = true;
     host = file.device.host_path;
+    if (file.device.image) return StoreNew(file);  // read through the container, no descriptor of its own
   } else {
     host = HostPath(path);
     if (host.empty()) {
@@ -268,6 +269,10 @@ HANDLE PosixEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD /*share*/,
                        : FromErrno(errno);
     return InvalidHandle();
   }
+  return StoreNew(file);
+}
+
+HANDLE PosixEnv::StoreNew(const OpenFile& file) {
   std::lock_guard<std::mutex> lock(mutex_);
   const std::uintptr_t id = (next_handle_ += 4);
   files_[id] = file;
@@ -288,7 +293,12 @@ bool PosixEnv::ReadFile(HANDLE handle, void* buffer, DWORD to_read, DWORD* read)
   const std::int64_t base = file.is_device ? file.device.base : 0;
   std::int64_t done = 0;
   auto* out = static_cast<unsigned char*>(buffer);
-  while (done < want) {
+  if (file.device.image) {
+    done = file.device.image->Read(static_cast<std::uint64_t>(base + file.position),
+                                   std::span(reinterpret_cast<std::byte*>(out), static_cast<std::size_t>(want)));
+    if (done < 0) return Fail(kErrorReadFault);
+  }
+  while (!file.device.image && done < want) {
     const ssize_t n = ::pread(file.fd, out + done, static_cast<std::size_t>(want - done),
                               static_cast<off_t>(base + file.position + done));
     if (n < 0) {
@@ -359,7 +369,7 @@ bool PosixEnv::CloseHandle(HANDLE handle) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = files_.find(reinterpret_cast<std::uintptr_t>(handle));
   if (it == files_.end()) return Fail(kErrorInvalidHandle);
-  ::close(it->second.fd);
+  if (it->second.fd >= 0) ::close(it->second.fd);
   files_.erase(it);
   return true;
 }
@@ -412,9 +422,13 @@ bool PosixEnv::GetFileSizeEx(HANDLE handle, std::int64_t* size) {
   if (posix::VolumeFiles::Owns(handle)) return Forward([&](DWORD* e) { return Volumes().GetFileSizeEx(handle, size, e); });
   OpenFile file;
   if (!Lookup(handle, &file)) return Fail(kErrorInvalidHandle);
+  if (file.is_device && file.device.length >= 0) {
+    if (size) *size = file.device.length;
+    return true;
+  }
   struct stat st{};
   if (::fstat(file.fd, &st) != 0) return Fail(FromErrno(errno));
-  if (size) *size = file.is_device && file.device.length >= 0 ? file.device.length : st.st_size;
+  if (size) *size = st.st_size;
   return true;
 }
 HANDLE PosixEnv::FindFirstFileNameW(const wchar_t* path, DWORD flags, DWORD* length, wchar_t* buffer) {

@@ -91,6 +91,7 @@ class PosixEnv : public Env {
     return false;
   }
   void Store(HANDLE handle, const OpenFile& file);
+  HANDLE StoreNew(const OpenFile& file);
 
   std::mutex mutex_;
   std::unordered_map<std::uintptr_t, OpenFile> files_;

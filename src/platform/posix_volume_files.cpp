@@ -100,13 +100,15 @@ class VolumeFiles::Volume final : public RecordSource {
   ~Volume() override {
     if (mft_ != nullptr) tsk_fs_file_close(mft_);
     if (fs_ != nullptr) tsk_fs_close(fs_);
-    if (img_ != nullptr) tsk_img_close(img_);
+    if (img_ != nullptr && !container_) tsk_img_close(img_);
   }
 
   // Null with the reason when The Sleuth Kit cannot read the volume.
   static std::shared_ptr<Volume> Open(const DeviceBinding& binding, std::string* reason) {
     auto v = std::make_shared<Volume>();
-    v->img_ = tsk_img_open_sing(binding.host_path.c_str(), TSK_IMG_TYPE_RAW, 0);
+    // A container disk is read through the image its disk layer opened; a raw one is opened here.
+    v->container_ = binding.image;
+    v->img_ = binding.image ? binding.image->tsk() : tsk_img_open_sing(binding.host_path.c_str(), TSK_IMG_TYPE_RAW, 0);
     if (v->img_ == nullptr) {
       *reason = "The Sleuth Kit cannot open " + binding.host_path + ": " + TskError();
       return nullptr;
@@ -302,6 +304,7 @@ class VolumeFiles::Volume final : public RecordSource {
     return ok;
   }
 
+  std::shared_ptr<ContainerImage> container_;  // owns img_ when set
   TSK_IMG_INFO* img_ = nullptr;
   TSK_FS_INFO* fs_ = nullptr;
   TSK_FS_FILE* mft_ = nullptr;
@@ -392,7 +395,9 @@ std::shared_ptr<VolumeFiles::Volume> VolumeFiles::OpenVolume(const DeviceBinding
   // A volume is read again when its image was made anew under the same name.
   struct stat st{};
   std::string identity;
-  if (::stat(binding.host_path.c_str(), &st) == 0)
+  if (binding.image)  // attached anew, a container is a new image object
+    identity = "image@" + std::to_string(reinterpret_cast<std::uintptr_t>(binding.image.get()));
+  else if (::stat(binding.host_path.c_str(), &st) == 0)
     identity = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
                std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
   std::lock_guard<std::mutex> lock(mutex_);

@@ -20,15 +20,17 @@ mkntfs_at "$disk" 2048 32768
 mkntfs_at "$disk" 51200 40960
 same_volumes "$disk" 512 2
 
-# One line per volume: letter, name, disk, offset, length, sector size, kind.
+# One line per volume: letter, name, disk, offset, length, sector size, kind, and the
+# disk's file and format.
 plain=$("$VMFT" --disk "$disk" volumes)
-python3 - "$plain" <<'PY' || fail "plain listing: $plain"
+python3 - "$plain" "$disk" <<'PY' || fail "plain listing: $plain"
 import re, sys
 lines = sys.argv[1].splitlines()
 assert len(lines) == 2, lines
 for line, (letter, offset, length) in zip(lines, [("C", 2048 * 512, 32768 * 512), ("D", 51200 * 512, 40960 * 512)]):
-    m = re.fullmatch(r"(\w): (\\\\\?\\Volume\{1234ABCD-[0-9A-F-]+\}\\) disk 0 offset (\d+) length (\d+) sector 512 NTFS", line)
+    m = re.fullmatch(r"(\w): (\\\\\?\\Volume\{1234ABCD-[0-9A-F-]+\}\\) disk 0 offset (\d+) length (\d+) sector 512 NTFS on (.*) \(raw\)", line)
     assert m and m.group(1) == letter and int(m.group(3)) == offset and int(m.group(4)) == length, line
+    assert m.group(5) == sys.argv[2], line
 PY
 
 # A pinned letter; the other volume takes the first free one.

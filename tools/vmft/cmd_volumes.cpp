@@ -5,6 +5,14 @@
 
 namespace {
 
+// " on PATH (FORMAT)": the disk a volume is on, where the library names one.
+std::wstring DiskText(const koru::tool::VolumeInfo& v) {
+  if (v.disk_path.empty()) return L"";
+  std::wstring files;
+  if (v.disk_files > 1) files = L", " + std::to_wstring(v.disk_files) + (v.disk_format == L"E01" ? L" segments" : L" parts");
+  return L" on " + v.disk_path + L" (" + v.disk_format + files + L")";
+}
+
 std::wstring JsonString(const std::wstring& text) {
   std::wstring out = L"\"";
   for (wchar_t c : text) {
@@ -32,13 +40,17 @@ vmft::Registrar volumes(20, [](CLI::App& app, vmft::Global&) -> vmft::Command {
         out << (i ? L",\n " : L"") << L"{\"letter\": \"" << v.letter << L"\", \"volume_name\": "
             << JsonString(v.volume_name) << L", \"disk\": " << v.disk << L", \"offset\": " << v.offset
             << L", \"length\": " << v.length << L", \"bytes_per_sector\": " << v.bytes_per_sector
-            << L", \"kind\": \"" << v.kind << L"\"}";
+            << L", \"kind\": \"" << v.kind << L"\"";
+        if (!v.disk_path.empty())
+          out << L", \"disk_path\": " << JsonString(v.disk_path) << L", \"disk_format\": \"" << v.disk_format
+              << L"\", \"disk_files\": " << v.disk_files;
+        out << L"}";
       }
       out << L"]\n";
     } else {
       for (const auto& v : list)
         out << v.letter << L": " << v.volume_name << L" disk " << v.disk << L" offset " << v.offset << L" length "
-            << v.length << L" sector " << v.bytes_per_sector << L" " << v.kind << L"\n";
+            << v.length << L" sector " << v.bytes_per_sector << L" " << v.kind << DiskText(v) << L"\n";
     }
     vmft::Out(out.str());
     return 0;

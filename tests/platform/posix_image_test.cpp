@@ -1,0 +1,184 @@
+// Container images: told apart by their content, EnCase and split raw sets found whole
+// (or refused with the file at fault), and a VHDX named in KORU_MFT_DISKS answering
+// VMFT::GetMFTSectorRanges as its raw disk does.
+#include "platform/posix_image.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/image_layout.h"
+#include "koru_mft/vmft.h"
+#include "mft/record_fixture.h"
+#include "platform/posix_disks.h"
+#include "support/disk_image.h"
+#include "support/temp_dir.h"
+
+namespace platform::posix {
+namespace {
+
+using Bytes = std::vector<std::byte>;
+
+Bytes WithText(std::size_t size, std::size_t at, std::string_view text) {
+  Bytes out(size);
+  std::memcpy(out.data() + at, text.data(), text.size());
+  return out;
+}
+
+TEST(PosixImage, ContainersAreKnownByTheirSignaturesInPlaceAndWholeAndAnythingElseIsRaw) {
+  const std::string ewf(koru::image::kEwfSignature, 8);
+  const Bytes none(512);
+  const struct {
+    const char* what;
+    Bytes head, tail;
+    ImageFormat format;
+  } cases[] = {
+      {"VHDX", WithText(512, 0, "vhdxfile"), none, ImageFormat::kVhdx},
+      {"dynamic VHD", WithText(512, 0, "conectix"), none, ImageFormat::kVhd},
+      {"fixed VHD", none, WithText(512, 0, "conectix"), ImageFormat::kVhd},
+      {"VHD with a 511-byte footer", none, WithText(512, 1, "conectix"), ImageFormat::kVhd},
+      {"VHD footer elsewhere", none, WithText(512, 2, "conectix"), ImageFormat::kRaw},
+      {"sparse VMDK", WithText(512, 0, "KDMV"), none, ImageFormat::kVmdk},
+      {"E01", WithText(512, 0, ewf), none, ImageFormat::kE01},
+      {"E01 signature without its NUL", WithText(512, 0, ewf.substr(0, 7) + "x"), none, ImageFormat::kRaw},
+      {"Ex01", WithText(512, 0, std::string("EVF2\r\n\x81\0", 8)), none, ImageFormat::kEx01},
+      {"empty file", {}, {}, ImageFormat::kRaw},
+      {"signature cut short", WithText(4, 0, "vhdx"), WithText(4, 0, "cone"), ImageFormat::kRaw},
+  };
+  for (const auto& c : cases) EXPECT_EQ(SniffFormat(c.head, c.tail), c.format) << c.what;
+}
+
+// An EWF segment file: its header with `number`, and its last section `ending`.
+std::string Segment(unsigned number, const char* ending = "done") {
+  std::string out(koru::image::kEwfSignature, 8);
+  out += '\x01';
+  out += static_cast<char>(number & 0xFF);
+  out += static_cast<char>(number >> 8);
+  out.resize(300, '\0');
+  const std::uint64_t at = out.size();
+  std::string section(koru::image::kEwfSectionSize, '\0');
+  std::memcpy(section.data(), ending, std::strlen(ending));
+  for (int b = 0; b < 8; ++b) section[16 + b] = static_cast<char>(at >> (8 * b));
+  return out + section;
+}
+
+TEST(PosixImage, EnCaseSetsAreFoundWholeOrRefusedNamingTheFileAtFault) {
+  const struct {
+    const char* what;
+    std::vector<std::pair<std::string, std::string>> files;  // the first is attached
+    std::size_t segments;                                     // 0: refused
+    std::string reason;                                       // @ stands for the folder
+  } cases[] = {
+      {"one segment", {{"d.E01", Segment(1)}}, 1, ""},
+      {"three", {{"d.E01", Segment(1, "next")}, {"d.E02", Segment(2, "next")}, {"d.E03", Segment(3)}}, 3, ""},
+      {"lower case", {{"d.e01", Segment(1, "next")}, {"d.e02", Segment(2)}}, 2, ""},
+      {"a gap", {{"d.E01", Segment(1, "next")}, {"d.E03", Segment(3)}}, 0,
+       "segment @/d.E02 of the EnCase set is missing"},
+      {"the last missing", {{"d.E01", Segment(1, "next")}}, 0, "segment @/d.E02 of the EnCase set is missing"},
+      {"a later segment attached", {{"d.E02", Segment(2)}, {"d.E01", Segment(1, "next")}}, 0,
+       "it is segment 2 of an EnCase set: attach the set by its first segment, @/d.E01"},
+      {"a segment of another number", {{"d.E01", Segment(1, "next")}, {"d.E02", Segment(3)}}, 0,
+       "@/d.E02 is not segment 2 of the EnCase set"},
+      {"cut short", {{"d.E01", Segment(1).substr(0, 330)}}, 0,
+       "segment @/d.E01 is damaged or cut short: it does not end in an EWF \"done\" or \"next\" section"},
+      {"a name without a number", {{"disk.img", Segment(1, "next")}}, 0,
+       "the EnCase set goes on after @/disk.img, but its further segments are found only by the names NAME.E02, "
+       "NAME.E03, ... of a first segment NAME.E01"},
+  };
+  for (const auto& c : cases) {
+    koru::test::TempDir dir;
+    for (const auto& [name, bytes] : c.files) dir.Write(name, bytes);
+    ImageKind kind;
+    std::string error;
+    const bool found = IdentifyImage((dir / c.files[0].first).string(), &kind, &error);
+    std::string reason = c.reason;
+    if (const auto at = reason.find('@'); at != std::string::npos) reason.replace(at, 1, dir.path().string());
+    EXPECT_EQ(found, c.segments != 0) << c.what;
+    EXPECT_EQ(error, reason) << c.what;
+    EXPECT_EQ(found ? kind.files.size() : 0, c.segments) << c.what;
+  }
+}
+
+TEST(PosixImage, EnCaseSegmentsPastE99AreNamedEAAOn) {
+  koru::test::TempDir dir;
+  std::vector<std::string> names;
+  for (unsigned n = 1; n <= 99; ++n) names.push_back("d.E" + std::string(n < 10 ? "0" : "") + std::to_string(n));
+  names.insert(names.end(), {"d.EAA", "d.EAB"});
+  for (unsigned n = 1; n <= names.size(); ++n) dir.Write(names[n - 1], Segment(n, n == names.size() ? "done" : "next"));
+  ImageKind kind;
+  std::string error;
+  ASSERT_TRUE(IdentifyImage((dir / "d.E01").string(), &kind, &error)) << error;
+  ASSERT_EQ(kind.files.size(), 101u);
+  EXPECT_EQ(kind.files.back(), (dir / "d.EAB").string());
+}
+
+TEST(PosixImage, SplitRawPartsAreOneDiskFromTheFirstPart) {
+  const struct {
+    const char* what;
+    std::vector<std::string> names;  // the first is attached
+    ImageFormat format;
+    std::size_t parts;
+    std::string reason;
+  } cases[] = {
+      {"three parts", {"d.001", "d.002", "d.003", "d.0004", "e.004"}, ImageFormat::kSplitRaw, 3, ""},
+      {"a part alone", {"d.001"}, ImageFormat::kRaw, 1, ""},
+      {"a gap", {"d.001", "d.002", "d.004"}, ImageFormat::kRaw, 0,
+       "part @/d.003 of the split raw set is missing (d.004 is there)"},
+      {"a later part", {"d.002", "d.001"}, ImageFormat::kRaw, 0,
+       "it is part 2 of a split raw set: attach the set by its first part, @/d.001"},
+      {"a later part alone", {"d.002"}, ImageFormat::kRaw, 1, ""},
+  };
+  for (const auto& c : cases) {
+    koru::test::TempDir dir;
+    for (const auto& name : c.names) dir.Write(name, std::string(1024, 'x'));
+    ImageKind kind;
+    std::string error;
+    const bool found = IdentifyImage((dir / c.names[0]).string(), &kind, &error);
+    std::string reason = c.reason;
+    if (const auto at = reason.find('@'); at != std::string::npos) reason.replace(at, 1, dir.path().string());
+    EXPECT_EQ(error, reason) << c.what;
+    EXPECT_EQ(found, c.parts != 0) << c.what;
+    EXPECT_EQ(found ? kind.files.size() : 0, c.parts) << c.what;
+    if (found) {
+      EXPECT_EQ(kind.format, c.format) << c.what;
+    }
+  }
+}
+
+// A disk whose one MBR partition holds an NTFS volume whose $MFT is 0x40 clusters.
+Bytes NtfsDisk() {
+  koru::test::RecordFixture record;
+  record.Resident(koru::layout::kStandardInformation, 0x48).Resident(koru::layout::kFileName, 0x4A);
+  record.NonResident(koru::layout::kData, {0x31, 0x40, 0x00, 0x10, 0x0C}).End();
+  Bytes disk = koru::test::DiskImage(2048 + 4096).Entry(0, 0, 0x07, 2048, 4096).Boot(2048);
+  const Bytes bytes = record.OnDisk(0x0005);
+  std::copy(bytes.begin(), bytes.end(), disk.begin() + (2048 + 4 * 8) * 512);
+  return disk;
+}
+
+TEST(PosixImage, AVhdxNamedInTheEnvironmentAnswersAsItsRawDisk) {
+  if (std::system("qemu-img --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "qemu-img is not installed";
+  koru::test::TempDir dir;
+  const Bytes disk = NtfsDisk();
+  dir.Write("disk.img", std::string(reinterpret_cast<const char*>(disk.data()), disk.size()));
+  const std::string raw = (dir / "disk.img").string(), vhdx = (dir / "disk.vhdx").string();
+  ASSERT_EQ(std::system(("qemu-img convert -O vhdx '" + raw + "' '" + vhdx + "'").c_str()), 0);
+  std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> answers;
+  for (const auto& path : {vhdx, raw}) {
+    ::setenv("KORU_MFT_DISKS", path.c_str(), 1);
+    ResetDisks();
+    answers.emplace_back();
+    EXPECT_TRUE(VMFT::GetMFTSectorRanges(L'C', answers.back())) << path;
+  }
+  ::unsetenv("KORU_MFT_DISKS");
+  ResetDisks();
+  const std::pair<std::uint64_t, std::uint64_t> mft{0x0C1000u * 8 + 2048, (0x0C1000u + 0x40) * 8 + 2048};
+  EXPECT_EQ(answers[0], std::vector{mft});
+  EXPECT_EQ(answers[0], answers[1]);
+}
+
+}  // namespace
+}  // namespace platform::posix
