@@ -6,11 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 
-#include "base/utf8.h"
+#include "platform/posix_errno.h"
 #include "platform/posix_ini.h"
 #include "platform/posix_paths.h"
 #include "platform/posix_version.h"
@@ -18,6 +17,8 @@
 
 namespace platform {
 namespace {
+
+using posix::FromErrno;
 
 thread_local DWORD t_last_error = 0;
 
@@ -33,40 +34,20 @@ auto Forward(Call call) {
   return result;
 }
 
-DWORD FromErrno(int e) {
-  switch (e) {
-    case 0: return kErrorSuccess;
-    case ENOENT: return kErrorFileNotFound;
-    case ENOTDIR: return kErrorPathNotFound;
-    case EACCES:
-    case EPERM:
-    case EROFS: return kErrorAccessDenied;
-    case EEXIST: return kErrorAlreadyExists;
-    case EBADF: return kErrorInvalidHandle;
-    case ENOMEM: return kErrorNotEnoughMemory;
-    case EINVAL: return kErrorInvalidParameter;
-    case ENAMETOOLONG: return kErrorInvalidName;
-    case EIO: return kErrorReadFault;
-    case ENOSPC: return kErrorDiskFull;
-    default: return kErrorInvalidFunction;
-  }
-}
-
 bool Fail(DWORD error) {
   t_last_error = error;
   return false;
 }
 
-// Copies text into a Win32 caller buffer, truncating; returns the count copied.
-DWORD CopyOut(const std::wstring& text, wchar_t* buffer, DWORD size) {
+}  // namespace
+
+DWORD PosixEnv::CopyOut(const std::wstring& text, wchar_t* buffer, DWORD size) {
   if (buffer == nullptr || size == 0) return 0;
   const std::size_t n = std::min<std::size_t>(text.size(), size - 1);
   std::copy_n(text.data(), n, buffer);
   buffer[n] = 0;
   return static_cast<DWORD>(n);
 }
-
-}  // namespace
 
 Env& DefaultBackend() {
   static PosixEnv* env = new PosixEnv;  // lives for the process: tracing may run at unload
@@ -464,43 +445,6 @@ DWORD PosixEnv::GetFileAttributesW(const wchar_t* path) {
     return kInvalidFileAttributes;
   }
   return S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeNormal;
-}
-
-DWORD PosixEnv::GetEnvironmentVariableW(const wchar_t* name, wchar_t* buffer, DWORD size) {
-  const auto value = name ? posix::WindowsVariable(name) : std::nullopt;
-  if (!value) {
-    t_last_error = kErrorEnvVarNotFound;
-    return 0;
-  }
-  if (buffer == nullptr || value->size() + 1 > size) return static_cast<DWORD>(value->size() + 1);
-  return CopyOut(*value, buffer, size);
-}
-
-UINT PosixEnv::GetWindowsDirectoryW(wchar_t* buffer, UINT size) {
-  const std::wstring folder = posix::WindowsVariable(L"windir").value_or(L"C:\\Windows");
-  if (buffer == nullptr || folder.size() + 1 > size) return static_cast<UINT>(folder.size() + 1);
-  return CopyOut(folder, buffer, size);
-}
-
-LONG PosixEnv::SHGetFolderPathW(int csidl, DWORD, wchar_t* path) {
-  const auto public_folder = posix::WindowsVariable(L"PUBLIC");
-  if (csidl != kCsidlCommonDocuments || path == nullptr || !public_folder) return kEFail;
-  CopyOut(*public_folder + L"\\Documents", path, 260);
-  return kSOk;
-}
-
-DWORD PosixEnv::GetNetworkParams(void* fixed_info, DWORD* size) {
-  if (size == nullptr) return kErrorInvalidParameter;
-  constexpr DWORD kNeeded = 2 * kFixedInfoHostNameSize;  // host and domain names, as far as they are read
-  if (fixed_info == nullptr || *size < kNeeded) {
-    *size = kNeeded;
-    return kErrorBufferOverflow;
-  }
-  char host[kFixedInfoHostNameSize] = {};
-  if (::gethostname(host, sizeof host - 1) != 0) return FromErrno(errno);
-  std::memset(fixed_info, 0, kNeeded);
-  std::memcpy(fixed_info, host, std::strlen(host));
-  return kErrorSuccess;
 }
 
 }  // namespace platform

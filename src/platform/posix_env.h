@@ -85,6 +85,8 @@ class PosixEnv : public Env {
     DeviceBinding device;
   };
   bool Lookup(HANDLE handle, OpenFile* file);
+  // Copies text into a Win32 caller buffer, truncating; returns the count copied.
+  static DWORD CopyOut(const std::wstring& text, wchar_t* buffer, DWORD size);
   // Sets the last error; false (0) for the caller to return.
   bool Refuse(DWORD error) {
     SetLastError(error);

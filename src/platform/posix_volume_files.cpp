@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <cstring>
 #include <cwctype>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 #include "base/ntfs_layout.h"
-#include "base/utf8.h"
 #include "platform/disks.h"
 #include "platform/posix_tsk_volume.h"
 #include "platform/posix_volume_paths.h"
@@ -39,12 +40,6 @@ HANDLE FailHandle(DWORD* error, DWORD code) {
   return InvalidHandle();
 }
 
-bool EqualNoCase(std::wstring_view a, std::wstring_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-           return std::towupper(static_cast<std::wint_t>(x)) == std::towupper(static_cast<std::wint_t>(y));
-         });
-}
-
 }  // namespace
 
 // What a handle of this unit refers to.
@@ -72,21 +67,6 @@ bool IsVolumePath(const wchar_t* path) {
   if (p.substr(0, 4) == L"\\\\?\\") p.remove_prefix(4);
   return p.size() >= 2 && p[1] == L':' && std::iswalpha(static_cast<std::wint_t>(p[0])) &&
          std::towupper(static_cast<std::wint_t>(p[0])) != L'Z' && (p.size() == 2 || p[2] == L'\\' || p[2] == L'/');
-}
-
-std::optional<std::wstring> WindowsVariable(std::wstring_view name) {
-  if (const char* value = std::getenv(koru::Utf8FromWide(name).c_str()))
-    return *value != 0 ? std::optional<std::wstring>(koru::WideFromUtf8(value)) : std::nullopt;
-  static const std::pair<const wchar_t*, const wchar_t*> kDefaults[] = {
-      {L"ProgramData", L"C:\\ProgramData"},
-      {L"ProgramFiles", L"C:\\Program Files"},
-      {L"ProgramFiles(x86)", L"C:\\Program Files (x86)"},
-      {L"windir", L"C:\\Windows"},
-      {L"PUBLIC", L"C:\\Users\\Public"},
-  };
-  for (const auto& [key, value] : kDefaults)
-    if (EqualNoCase(name, key)) return std::wstring(value);
-  return std::nullopt;
 }
 
 VolumeFiles& VolumeFiles::Instance() {

@@ -12,9 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 
 #include "platform/env.h"
@@ -30,12 +28,6 @@ inline constexpr DWORD kErrorUnrecognizedVolume = 1005;
 // "\\?\L:\..." or "L:\..." for a letter other than Z: (the host's root). Only the
 // form is checked; a letter without a volume fails later with ERROR_PATH_NOT_FOUND.
 bool IsVolumePath(const wchar_t* path);
-
-// A variable of the Windows installation the hard-link walk asks for: the Linux
-// environment's value when it sets one (an empty value counts as unset, since
-// Windows has no empty variables), else Windows's own default for the folders of a
-// system volume (ProgramData, ProgramFiles, ProgramFiles(x86), windir, PUBLIC).
-std::optional<std::wstring> WindowsVariable(std::wstring_view name);
 
 class VolumeFiles {
  public:
