@@ -75,7 +75,8 @@ VolumeFiles& VolumeFiles::Instance() {
 }
 
 namespace {
-// Handle values with the second-highest bit set: PosixEnv counts up from 0x100.
+// Handle values with the second-highest bit set: host files (posix_host_files) count
+// up from 0x100.
 constexpr std::uintptr_t kHandleBit = std::uintptr_t{1} << (sizeof(std::uintptr_t) * 8 - 2);
 }  // namespace
 
