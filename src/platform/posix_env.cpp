@@ -1,16 +1,16 @@
 #include "platform/posix_env.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 
-#include "base/utf8.h"
+#include "platform/posix_disks.h"
+#include "platform/posix_errno.h"
+#include "platform/posix_host_files.h"
 #include "platform/posix_ini.h"
 #include "platform/posix_paths.h"
 #include "platform/posix_version.h"
@@ -19,12 +19,16 @@
 namespace platform {
 namespace {
 
+using posix::FromErrno;
+
 thread_local DWORD t_last_error = 0;
 
-// Files on lettered volumes are answered by the volume file services, which report
-// their Win32 error through the last argument.
+// Files on lettered volumes are answered by the volume file services.
 posix::VolumeFiles& Volumes() { return posix::VolumeFiles::Instance(); }
 
+// The units report a failure's Win32 error through the last argument. Forward makes
+// it the last error, success included, for the calls that clear it when they
+// succeed; the others end in `|| Fail(error)`, keeping it unless they fail.
 template <typename Call>
 auto Forward(Call call) {
   DWORD error = kErrorSuccess;
@@ -33,40 +37,20 @@ auto Forward(Call call) {
   return result;
 }
 
-DWORD FromErrno(int e) {
-  switch (e) {
-    case 0: return kErrorSuccess;
-    case ENOENT: return kErrorFileNotFound;
-    case ENOTDIR: return kErrorPathNotFound;
-    case EACCES:
-    case EPERM:
-    case EROFS: return kErrorAccessDenied;
-    case EEXIST: return kErrorAlreadyExists;
-    case EBADF: return kErrorInvalidHandle;
-    case ENOMEM: return kErrorNotEnoughMemory;
-    case EINVAL: return kErrorInvalidParameter;
-    case ENAMETOOLONG: return kErrorInvalidName;
-    case EIO: return kErrorReadFault;
-    case ENOSPC: return kErrorDiskFull;
-    default: return kErrorInvalidFunction;
-  }
-}
-
 bool Fail(DWORD error) {
   t_last_error = error;
   return false;
 }
 
-// Copies text into a Win32 caller buffer, truncating; returns the count copied.
-DWORD CopyOut(const std::wstring& text, wchar_t* buffer, DWORD size) {
+}  // namespace
+
+DWORD PosixEnv::CopyOut(const std::wstring& text, wchar_t* buffer, DWORD size) {
   if (buffer == nullptr || size == 0) return 0;
   const std::size_t n = std::min<std::size_t>(text.size(), size - 1);
   std::copy_n(text.data(), n, buffer);
   buffer[n] = 0;
   return static_cast<DWORD>(n);
 }
-
-}  // namespace
 
 Env& DefaultBackend() {
   static PosixEnv* env = new PosixEnv;  // lives for the process: tracing may run at unload
@@ -201,20 +185,6 @@ bool PosixEnv::DeleteFileW(const wchar_t* path) {
   return true;
 }
 
-bool PosixEnv::Lookup(HANDLE handle, OpenFile* file) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = files_.find(reinterpret_cast<std::uintptr_t>(handle));
-  if (it == files_.end()) return false;
-  *file = it->second;
-  return true;
-}
-
-void PosixEnv::Store(HANDLE handle, const OpenFile& file) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = files_.find(reinterpret_cast<std::uintptr_t>(handle));
-  if (it != files_.end()) it->second.position = file.position;
-}
-
 HANDLE PosixEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD /*share*/, DWORD disposition,
                              DWORD flags_and_attributes) {
   if (path == nullptr) {
@@ -223,162 +193,33 @@ HANDLE PosixEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD /*share*/,
   }
   if (posix::IsVolumePath(path))
     return Forward([&](DWORD* e) { return Volumes().CreateFile(path, access, disposition, flags_and_attributes, e); });
-  const std::wstring wpath(path);
-  OpenFile file;
-  std::string host;
-  if (wpath.rfind(L"\\\\.\\", 0) == 0 || wpath.rfind(L"\\\\?\\", 0) == 0) {
-    DWORD error = kErrorFileNotFound;
-    if (!posix::ResolveDevice(wpath, &file.device, &error)) {
-      t_last_error = error;
-      return InvalidHandle();
-    }
-    if ((access & (kGenericWrite | kFileAppendData)) != 0) {
-      t_last_error = kErrorAccessDenied;  // disks are only ever read here
-      return InvalidHandle();
-    }
-    file.is_device = true;
-    host = file.device.host_path;
-    if (file.device.image) return StoreNew(file);  // read through the container, no descriptor of its own
-  } else {
-    host = HostPath(path);
-    if (host.empty()) {
-      t_last_error = kErrorPathNotFound;
-      return InvalidHandle();
-    }
-  }
-  int flags = O_CLOEXEC;
-  const bool writes = (access & (kGenericWrite | kFileAppendData)) != 0;
-  const bool reads = (access & kGenericRead) != 0;
-  flags |= writes ? (reads ? O_RDWR : O_WRONLY) : O_RDONLY;
-  if ((access & kFileAppendData) != 0 && (access & kGenericWrite) == 0) {
-    flags |= O_APPEND;
-    file.append = true;
-  }
-  switch (disposition) {
-    case kCreateAlways: flags |= O_CREAT | O_TRUNC; break;
-    case kOpenAlways: flags |= O_CREAT; break;
-    case 1: flags |= O_CREAT | O_EXCL; break;  // CREATE_NEW
-    case 5: flags |= O_TRUNC; break;           // TRUNCATE_EXISTING
-    default: break;                            // OPEN_EXISTING
-  }
-  file.fd = ::open(host.c_str(), flags, 0666);
-  if (file.fd < 0) {
-    t_last_error = (errno == ENOENT && host.find('/') != std::string::npos &&
-                    !std::filesystem::exists(std::filesystem::path(host).parent_path()))
-                       ? kErrorPathNotFound
-                       : FromErrno(errno);
-    return InvalidHandle();
-  }
-  return StoreNew(file);
-}
-
-HANDLE PosixEnv::StoreNew(const OpenFile& file) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  const std::uintptr_t id = (next_handle_ += 4);
-  files_[id] = file;
-  t_last_error = kErrorSuccess;
-  return reinterpret_cast<HANDLE>(id);
+  return Forward([&](DWORD* e) { return files_.Open(path, access, disposition, e); });
 }
 
 bool PosixEnv::ReadFile(HANDLE handle, void* buffer, DWORD to_read, DWORD* read) {
-  OpenFile file;
-  if (read) *read = 0;
-  if (!Lookup(handle, &file)) return Fail(kErrorInvalidHandle);
-  if (buffer == nullptr && to_read > 0) return Fail(kErrorInvalidParameter);
-  std::int64_t want = to_read;
-  if (file.is_device && file.device.length >= 0) {
-    // Past the end of a disk or volume is a short read, as on Windows.
-    want = std::max<std::int64_t>(0, std::min<std::int64_t>(want, file.device.length - file.position));
-  }
-  const std::int64_t base = file.is_device ? file.device.base : 0;
-  std::int64_t done = 0;
-  auto* out = static_cast<unsigned char*>(buffer);
-  if (file.device.image) {
-    done = file.device.image->Read(static_cast<std::uint64_t>(base + file.position),
-                                   std::span(reinterpret_cast<std::byte*>(out), static_cast<std::size_t>(want)));
-    if (done < 0) return Fail(kErrorReadFault);
-  }
-  while (!file.device.image && done < want) {
-    const ssize_t n = ::pread(file.fd, out + done, static_cast<std::size_t>(want - done),
-                              static_cast<off_t>(base + file.position + done));
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return Fail(FromErrno(errno));
-    }
-    if (n == 0) break;
-    done += n;
-  }
-  file.position += done;
-  Store(handle, file);
-  if (read) *read = static_cast<DWORD>(done);
-  t_last_error = kErrorSuccess;
-  return true;
+  return Forward([&](DWORD* e) { return files_.Read(handle, buffer, to_read, read, e); });
 }
 
 bool PosixEnv::WriteFile(HANDLE handle, const void* buffer, DWORD to_write, DWORD* written) {
-  OpenFile file;
-  if (written) *written = 0;
-  if (!Lookup(handle, &file)) return Fail(kErrorInvalidHandle);
-  if (file.is_device) return Fail(kErrorAccessDenied);
-  const auto* in = static_cast<const unsigned char*>(buffer);
-  std::int64_t done = 0;
-  while (done < to_write) {
-    const ssize_t n = file.append ? ::write(file.fd, in + done, to_write - static_cast<std::size_t>(done))
-                                  : ::pwrite(file.fd, in + done, to_write - static_cast<std::size_t>(done),
-                                             static_cast<off_t>(file.position + done));
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return Fail(FromErrno(errno));
-    }
-    done += n;
-  }
-  file.position += done;
-  Store(handle, file);
-  if (written) *written = static_cast<DWORD>(done);
-  return true;
+  DWORD error = kErrorSuccess;
+  return files_.Write(handle, buffer, to_write, written, &error) || Fail(error);
 }
 
 bool PosixEnv::SetFilePointerEx(HANDLE handle, std::int64_t distance, std::int64_t* new_position, DWORD method) {
-  OpenFile file;
-  if (!Lookup(handle, &file)) return Fail(kErrorInvalidHandle);
-  std::int64_t origin = 0;
-  if (method == kFileCurrent) {
-    origin = file.position;
-  } else if (method == kFileEnd) {
-    if (file.is_device && file.device.length >= 0) {
-      origin = file.device.length;
-    } else {
-      struct stat st{};
-      if (::fstat(file.fd, &st) != 0) return Fail(FromErrno(errno));
-      origin = st.st_size;
-    }
-  } else if (method != kFileBegin) {
-    return Fail(kErrorInvalidParameter);
-  }
-  std::int64_t target = 0;
-  if (__builtin_add_overflow(origin, distance, &target) || target < 0) return Fail(kErrorNegativeSeek);
-  file.position = target;
-  Store(handle, file);
-  if (new_position) *new_position = target;
-  t_last_error = kErrorSuccess;
-  return true;
+  return Forward([&](DWORD* e) { return files_.Seek(handle, distance, new_position, method, e); });
 }
 
 bool PosixEnv::CloseHandle(HANDLE handle) {
   if (posix::VolumeFiles::Owns(handle)) return Forward([&](DWORD* e) { return Volumes().CloseHandle(handle, e); });
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = files_.find(reinterpret_cast<std::uintptr_t>(handle));
-  if (it == files_.end()) return Fail(kErrorInvalidHandle);
-  if (it->second.fd >= 0) ::close(it->second.fd);
-  files_.erase(it);
-  return true;
+  DWORD error = kErrorSuccess;
+  return files_.Close(handle, &error) || Fail(error);
 }
 
 bool PosixEnv::DeviceIoControl(HANDLE device, DWORD code, const void* /*in*/, DWORD /*in_size*/, void* out,
                                DWORD out_size, DWORD* returned) {
-  OpenFile file;
+  posix::HostFiles::OpenFile file;
   if (returned) *returned = 0;
-  if (!Lookup(device, &file)) return Fail(kErrorInvalidHandle);
+  if (!files_.Lookup(device, &file)) return Fail(kErrorInvalidHandle);
   if (!file.is_device) return Fail(kErrorInvalidFunction);
   DWORD error = kErrorInvalidFunction;
   DWORD count = 0;
@@ -402,8 +243,8 @@ bool PosixEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wch
 
 // The file-level calls on lettered volumes are answered by the volume file services.
 HANDLE PosixEnv::OpenFileById(HANDLE volume_hint, const FileIdDescriptor* id, DWORD access, DWORD, DWORD flags) {
-  OpenFile volume;
-  if (!Lookup(volume_hint, &volume)) {
+  posix::HostFiles::OpenFile volume;
+  if (!files_.Lookup(volume_hint, &volume)) {
     t_last_error = kErrorInvalidHandle;
     return InvalidHandle();
   }
@@ -420,16 +261,8 @@ bool PosixEnv::GetFileInformationByHandle(HANDLE file, ByHandleFileInformation* 
 }
 bool PosixEnv::GetFileSizeEx(HANDLE handle, std::int64_t* size) {
   if (posix::VolumeFiles::Owns(handle)) return Forward([&](DWORD* e) { return Volumes().GetFileSizeEx(handle, size, e); });
-  OpenFile file;
-  if (!Lookup(handle, &file)) return Fail(kErrorInvalidHandle);
-  if (file.is_device && file.device.length >= 0) {
-    if (size) *size = file.device.length;
-    return true;
-  }
-  struct stat st{};
-  if (::fstat(file.fd, &st) != 0) return Fail(FromErrno(errno));
-  if (size) *size = st.st_size;
-  return true;
+  DWORD error = kErrorSuccess;
+  return files_.Size(handle, size, &error) || Fail(error);
 }
 HANDLE PosixEnv::FindFirstFileNameW(const wchar_t* path, DWORD flags, DWORD* length, wchar_t* buffer) {
   if (!posix::IsVolumePath(path)) {
@@ -464,43 +297,6 @@ DWORD PosixEnv::GetFileAttributesW(const wchar_t* path) {
     return kInvalidFileAttributes;
   }
   return S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeNormal;
-}
-
-DWORD PosixEnv::GetEnvironmentVariableW(const wchar_t* name, wchar_t* buffer, DWORD size) {
-  const auto value = name ? posix::WindowsVariable(name) : std::nullopt;
-  if (!value) {
-    t_last_error = kErrorEnvVarNotFound;
-    return 0;
-  }
-  if (buffer == nullptr || value->size() + 1 > size) return static_cast<DWORD>(value->size() + 1);
-  return CopyOut(*value, buffer, size);
-}
-
-UINT PosixEnv::GetWindowsDirectoryW(wchar_t* buffer, UINT size) {
-  const std::wstring folder = posix::WindowsVariable(L"windir").value_or(L"C:\\Windows");
-  if (buffer == nullptr || folder.size() + 1 > size) return static_cast<UINT>(folder.size() + 1);
-  return CopyOut(folder, buffer, size);
-}
-
-LONG PosixEnv::SHGetFolderPathW(int csidl, DWORD, wchar_t* path) {
-  const auto public_folder = posix::WindowsVariable(L"PUBLIC");
-  if (csidl != kCsidlCommonDocuments || path == nullptr || !public_folder) return kEFail;
-  CopyOut(*public_folder + L"\\Documents", path, 260);
-  return kSOk;
-}
-
-DWORD PosixEnv::GetNetworkParams(void* fixed_info, DWORD* size) {
-  if (size == nullptr) return kErrorInvalidParameter;
-  constexpr DWORD kNeeded = 2 * kFixedInfoHostNameSize;  // host and domain names, as far as they are read
-  if (fixed_info == nullptr || *size < kNeeded) {
-    *size = kNeeded;
-    return kErrorBufferOverflow;
-  }
-  char host[kFixedInfoHostNameSize] = {};
-  if (::gethostname(host, sizeof host - 1) != 0) return FromErrno(errno);
-  std::memset(fixed_info, 0, kNeeded);
-  std::memcpy(fixed_info, host, std::strlen(host));
-  return kErrorSuccess;
 }
 
 }  // namespace platform

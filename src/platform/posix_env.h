@@ -1,17 +1,17 @@
 // PosixEnv: the Win32 personality on Linux, a mapping of errno, handles and paths.
 // Host paths appear as Z:\... (posix_paths); devices (\\.\PhysicalDriveN, \\.\C:,
-// volume names) are resolved by the disks (posix_disks); INI files and the version
-// resource have units of their own (posix_ini, posix_version), as have the answers
-// about the system itself (posix_system).
+// volume names) are resolved by the disks (posix_disks). The handles of host files
+// and devices (posix_host_files), the file-level calls on lettered volumes
+// (posix_volume_files), INI files and the version resource have units of their own
+// (posix_ini, posix_version), as have errno's Win32 meaning (posix_errno) and the
+// answers about the system itself (posix_system).
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
-#include <unordered_map>
 
 #include "platform/env.h"
-#include "platform/posix_disks.h"
+#include "platform/posix_host_files.h"
 
 namespace platform {
 
@@ -77,25 +77,15 @@ class PosixEnv : public Env {
                              TokenPrivileges* previous, DWORD* returned) override;
 
  private:
-  struct OpenFile {
-    int fd = -1;
-    bool append = false;
-    std::int64_t position = 0;
-    bool is_device = false;
-    DeviceBinding device;
-  };
-  bool Lookup(HANDLE handle, OpenFile* file);
+  // Copies text into a Win32 caller buffer, truncating; returns the count copied.
+  static DWORD CopyOut(const std::wstring& text, wchar_t* buffer, DWORD size);
   // Sets the last error; false (0) for the caller to return.
   bool Refuse(DWORD error) {
     SetLastError(error);
     return false;
   }
-  void Store(HANDLE handle, const OpenFile& file);
-  HANDLE StoreNew(const OpenFile& file);
 
-  std::mutex mutex_;
-  std::unordered_map<std::uintptr_t, OpenFile> files_;
-  std::uintptr_t next_handle_ = 0x100;
+  posix::HostFiles files_;
 };
 
 }  // namespace platform

@@ -3,18 +3,16 @@
 // links of a file, directory searches, attributes and sizes. PosixEnv forwards
 // these calls here; each returns the Win32 error of a failure through `error`.
 //
-// One TSK handle per volume is opened on first use and kept for the process; file
-// and find handles are values of their own range, so PosixEnv can tell them apart.
-// Paths are looked up as NTFS compares names (its $UpCase table, 8.3 aliases too);
-// reparse points on the way are not followed.
+// One TSK handle per volume (posix_tsk_volume) is opened on first use and kept for
+// the process; file and find handles are values of their own range, so PosixEnv can
+// tell them apart. Paths are looked up as NTFS compares names (its $UpCase table,
+// 8.3 aliases too); reparse points on the way are not followed.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 
 #include "platform/env.h"
@@ -22,18 +20,14 @@
 
 namespace platform::posix {
 
+class TskVolume;
+
 // ERROR_UNRECOGNIZED_VOLUME: the volume's file system cannot be read at the file level.
 inline constexpr DWORD kErrorUnrecognizedVolume = 1005;
 
 // "\\?\L:\..." or "L:\..." for a letter other than Z: (the host's root). Only the
 // form is checked; a letter without a volume fails later with ERROR_PATH_NOT_FOUND.
 bool IsVolumePath(const wchar_t* path);
-
-// A variable of the Windows installation the hard-link walk asks for: the Linux
-// environment's value when it sets one (an empty value counts as unset, since
-// Windows has no empty variables), else Windows's own default for the folders of a
-// system volume (ProgramData, ProgramFiles, ProgramFiles(x86), windir, PUBLIC).
-std::optional<std::wstring> WindowsVariable(std::wstring_view name);
 
 class VolumeFiles {
  public:
@@ -61,10 +55,9 @@ class VolumeFiles {
   std::string Problem(wchar_t letter);
 
  private:
-  class Volume;
   struct Object;
   struct Target;
-  std::shared_ptr<Volume> OpenVolume(const DeviceBinding& binding, DWORD* error, std::string* reason = nullptr);
+  std::shared_ptr<TskVolume> OpenVolume(const DeviceBinding& binding, DWORD* error, std::string* reason = nullptr);
   bool Resolve(const wchar_t* path, Target* target, DWORD* error);
   HANDLE Store(std::shared_ptr<Object> object);
   std::shared_ptr<Object> Find(HANDLE handle, int kind);
@@ -72,7 +65,7 @@ class VolumeFiles {
   std::mutex mutex_;
   struct Opened {
     std::string identity;  // of the image file, so that one made anew is read again
-    std::shared_ptr<Volume> volume;
+    std::shared_ptr<TskVolume> volume;
     std::string refusal;   // why The Sleuth Kit cannot read it
   };
   std::unordered_map<std::string, Opened> volumes_;  // by host path and offset

@@ -1,7 +1,7 @@
 // What the file-level calls on a lettered volume know of NTFS files, apart from how
 // the records are read: the names of a file ($FILE_NAME values), paths built by
 // walking parent references to the root, and NTFS's case-insensitive name order.
-// Volume files (posix_volume_files.cpp) feed it records read by The Sleuth Kit.
+// The volume read by The Sleuth Kit (posix_tsk_volume) feeds it records.
 #pragma once
 
 #include <cstdint>

@@ -1,0 +1,47 @@
+// The handles CreateFileW opens on the host: a Linux file by its Windows path
+// (posix_paths), or a disk or volume by its device path (posix_disks), read through
+// a descriptor or through the container image it lives in. Each handle keeps its own
+// position, as Win32 handles do; disks and volumes are only ever read. PosixEnv
+// forwards these calls here; each returns the Win32 error of a failure through
+// `error` and leaves it alone on success.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <unordered_map>
+
+#include "platform/env.h"
+#include "platform/posix_disks.h"
+
+namespace platform::posix {
+
+class HostFiles {
+ public:
+  struct OpenFile {
+    int fd = -1;
+    bool append = false;
+    std::int64_t position = 0;
+    bool is_device = false;
+    DeviceBinding device;
+  };
+
+  // `path` is not null.
+  HANDLE Open(const wchar_t* path, DWORD access, DWORD disposition, DWORD* error);
+  bool Read(HANDLE handle, void* buffer, DWORD to_read, DWORD* read, DWORD* error);
+  bool Write(HANDLE handle, const void* buffer, DWORD to_write, DWORD* written, DWORD* error);
+  bool Seek(HANDLE handle, std::int64_t distance, std::int64_t* new_position, DWORD method, DWORD* error);
+  bool Size(HANDLE handle, std::int64_t* size, DWORD* error);
+  bool Close(HANDLE handle, DWORD* error);
+  // A copy of what the handle holds; false for a handle not open here.
+  bool Lookup(HANDLE handle, OpenFile* file);
+
+ private:
+  void Store(HANDLE handle, const OpenFile& file);
+  HANDLE StoreNew(const OpenFile& file);
+
+  std::mutex mutex_;
+  std::unordered_map<std::uintptr_t, OpenFile> files_;
+  std::uintptr_t next_handle_ = 0x100;
+};
+
+}  // namespace platform::posix
