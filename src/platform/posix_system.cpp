@@ -38,6 +38,7 @@ void PosixEnv::GetLocalTime(SystemTime* time) {
 DWORD PosixEnv::GetCurrentThreadId() { return static_cast<DWORD>(::syscall(SYS_gettid)); }
 
 std::wostream& PosixEnv::StdOut() { return std::wcout; }
+std::wostream& PosixEnv::StdErr() { return std::wcerr; }
 
 bool PosixEnv::GetVersionExW(OsVersionInfo* info) {
   // Not Windows: a version no classification row matches.
