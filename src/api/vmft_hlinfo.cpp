@@ -1,8 +1,10 @@
 #include <vector>
 
 #include "api/extent_chain.h"
+#include "hardlinks/dir_walk.h"
 #include "hardlinks/info_file.h"
 #include "koru_mft/vmft.h"
+#include "support/system_environment.h"
 
 using varnel::FnTrace;
 
@@ -36,8 +38,7 @@ bool VMFT::CreateHLInfo(const varnel::string& sHLInfoFile, wchar_t wcWindows, wc
     mft.GetHardLinkList(map, m_os);  // a failed scan adds what it found and does not turn to the walk
     mft.CloseHandles();
   }
-  if (walk) {
-    // The directory walk over wcVssDrive is not built yet.
+  if (walk && !koru::HardLinkInfo::Create(varnel::SystemEnvironment::Get().m_dwEnvironment, wcVssDrive, map)) {
     fn.End(L"HardLinkInfo::Create() failed", varnel::kTraceError);
     return false;
   }

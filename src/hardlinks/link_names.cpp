@@ -10,6 +10,7 @@
 namespace koru {
 
 using platform::DWORD;
+using platform::ScopedFind;
 using varnel::FnTrace;
 
 namespace {
@@ -56,22 +57,6 @@ varnel::string LinkName(wchar_t letter, const std::vector<wchar_t>& buffer) {
   name += varnel::string(buffer.data(), static_cast<std::size_t>(end - buffer.begin()));
   return name;
 }
-
-class ScopedFind {
- public:
-  ScopedFind(platform::Env& env, platform::HANDLE find) : env_(env), find_(find) {}
-  ~ScopedFind() {
-    if (platform::IsValid(find_)) env_.FindClose(find_);
-  }
-  ScopedFind(const ScopedFind&) = delete;
-  ScopedFind& operator=(const ScopedFind&) = delete;
-  platform::HANDLE get() const { return find_; }
-
- private:
-  platform::Env& env_;
-  platform::HANDLE find_;
-};
-
 }  // namespace
 
 bool GetFileNameFromId(platform::HANDLE hVolumeHint, const std::uint64_t& uiFileRef, varnel::string& sFileName) {

@@ -41,6 +41,26 @@ class ScopedHandle {
   HANDLE handle_;
 };
 
+// The same for a search handle (FindFirstFileW, FindFirstFileNameW), closed with FindClose.
+class ScopedFind {
+ public:
+  ScopedFind(Env& env, HANDLE find) : env_(env), find_(find) {}
+  ~ScopedFind() { Close(); }
+  ScopedFind(const ScopedFind&) = delete;
+  ScopedFind& operator=(const ScopedFind&) = delete;
+  HANDLE get() const { return find_; }
+  // Closes now and says whether FindClose succeeded; later calls do nothing.
+  bool Close() {
+    const HANDLE find = find_;
+    find_ = nullptr;
+    return !IsValid(find) || env_.FindClose(find);
+  }
+
+ private:
+  Env& env_;
+  HANDLE find_;
+};
+
 // A read of `size` bytes at byte `offset` from the start of a device: seek from the
 // beginning, check the position, read. `step` names the first step that failed;
 // `error` is the last error of a failed call.

@@ -281,8 +281,9 @@ class Env {
   virtual std::int64_t Time64() = 0;
   virtual int LocalTime64(std::int64_t time, std::tm* out) = 0;
   virtual DWORD GetCurrentThreadId() = 0;
-  // The process's standard wide output (tests capture it).
+  // The process's standard wide output and error streams (tests capture them).
   virtual std::wostream& StdOut() = 0;
+  virtual std::wostream& StdErr() = 0;
 
   // System information. GetProductInfo answers false with kErrorProcNotFound where
   // the system has no such export.

@@ -63,6 +63,7 @@ class PosixEnv : public Env {
   void GetLocalTime(SystemTime* time) override;
   DWORD GetCurrentThreadId() override;
   std::wostream& StdOut() override;
+  std::wostream& StdErr() override;
   bool GetVersionExW(OsVersionInfo* info) override;
   bool GetProductInfo(DWORD major, DWORD minor, DWORD sp_major, DWORD sp_minor, DWORD* product_type) override;
   UINT GetSystemDirectoryW(wchar_t* buffer, UINT size) override;

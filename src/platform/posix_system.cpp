@@ -77,6 +77,7 @@ void PosixEnv::GetLocalTime(SystemTime* time) {
 DWORD PosixEnv::GetCurrentThreadId() { return static_cast<DWORD>(::syscall(SYS_gettid)); }
 
 std::wostream& PosixEnv::StdOut() { return std::wcout; }
+std::wostream& PosixEnv::StdErr() { return std::wcerr; }
 
 DWORD PosixEnv::GetEnvironmentVariableW(const wchar_t* name, wchar_t* buffer, DWORD size) {
   const auto value = name ? WindowsVariable(name) : std::nullopt;

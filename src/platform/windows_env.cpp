@@ -306,6 +306,7 @@ void WindowsEnv::GetLocalTime(SystemTime* time) {
 DWORD WindowsEnv::GetCurrentThreadId() { return ::GetCurrentThreadId(); }
 
 std::wostream& WindowsEnv::StdOut() { return std::wcout; }
+std::wostream& WindowsEnv::StdErr() { return std::wcerr; }
 
 bool WindowsEnv::GetVersionExW(OsVersionInfo* info) {
   ::OSVERSIONINFOEXW version{};

@@ -55,6 +55,7 @@ class WindowsEnv : public Env {
   bool FileTimeToSystemTime(std::uint64_t file_time, SystemTime* time) override;
   DWORD GetCurrentThreadId() override;
   std::wostream& StdOut() override;
+  std::wostream& StdErr() override;
   bool GetVersionExW(OsVersionInfo* info) override;
   bool GetProductInfo(DWORD major, DWORD minor, DWORD sp_major, DWORD sp_minor, DWORD* product_type) override;
   UINT GetSystemDirectoryW(wchar_t* buffer, UINT size) override;

@@ -31,7 +31,8 @@ struct Outcome {
 // whose files are `table`, with `fault` injected; hl.ini there holds `before` first.
 Outcome CreateHLInfo(const std::vector<std::byte>& image, std::uint32_t sector, std::vector<FakeFilesEnv::File> table,
                      wchar_t letter = L'C', const std::function<void(test::FaultEnv&)>& fault = nullptr,
-                     const std::string& before = "", const std::string& name = "hl.ini") {
+                     const std::string& before = "", const std::string& name = "hl.ini",
+                     const std::function<void(FakeFilesEnv&)>& folders = nullptr) {
   test::TempDir dir;
   if (!before.empty()) dir.Write("hl.ini", before);
   test::ImageEnv disk(platform::Env::Default(), image, sector);
@@ -39,6 +40,7 @@ Outcome CreateHLInfo(const std::vector<std::byte>& image, std::uint32_t sector, 
   files.files = std::move(table);
   files.host = "HOST";
   files.local_time = std::tm{};
+  if (folders) folders(files);
   test::FaultEnv faults(static_cast<platform::Env&>(files));
   platform::ScopedEnv scope(faults);
   test::TraceCapture trace;
@@ -98,7 +100,7 @@ TEST(CreateHLInfo, NothingFoundAndFailures) {
       // The first control call lists the extents, the second asks for the geometry.
       {v.image(), L'C', [](test::FaultEnv& f) { f.FailCall(Call::DeviceIoControl, 1, 2); }, "hl.ini", false, "old",
        ending + L"GetDiskGeometryEx() failed)"},
-      // Not built yet: the directory walk that a BitLocker volume turns to.
+      // A BitLocker volume turns to the walk, which fails where no ProgramData is named.
       {bitlocker, L'C', nullptr, "hl.ini", false, "old", ending + L"HardLinkInfo::Create() failed)"},
       {v.image(), L'C', nullptr, "no/such/dir/hl.ini", false, "(none)", ending + L"WriteHLInfo() failed)"},
   };
@@ -110,6 +112,21 @@ TEST(CreateHLInfo, NothingFoundAndFailures) {
     EXPECT_EQ(out.file, c.file);
     EXPECT_EQ(out.console.empty(), c.image != bitlocker);
   }
+}
+
+TEST(CreateHLInfo, ABitLockerVolumeIsWalkedThroughTheSnapshotLetter) {
+  const auto bitlocker = test::ReadFileBytes(test::SharedImage("bitlocker/bitlk-aes-xts-128.first64k"));
+  const Outcome out = CreateHLInfo(bitlocker, 512, {{5ull << 48 | 77, {L"\\Windows\\a.dll", L"\\ProgramData\\b.dll"}, 7}},
+                                   L'C', nullptr, "", "hl.ini", [](FakeFilesEnv& files) {
+                                     files.variables = {{L"ProgramData", L"C:\\ProgramData"},
+                                                        {L"ProgramFiles", L"C:\\Program Files"}};
+                                     files.folders = {L"\\Program Files", L"\\Users"};
+                                   });
+  EXPECT_TRUE(out.ok);
+  EXPECT_EQ(out.console, L"BitLocker boot sector detected ... using legacy hard-link scan\n");
+  // Keyed by the file index, sequence number included; names under the Windows letter.
+  EXPECT_EQ(out.file, kHead + "[500000000004d]\r\nFile0=C:\\ProgramData\\b.dll\r\nFile1=C:\\Windows\\a.dll\r\n"
+                              "Count=2\r\nSize=7\r\n[Totals]\r\nSections=1\r\nBytes=7\r\n");
 }
 
 }  // namespace

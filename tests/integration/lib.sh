@@ -2,6 +2,13 @@
 set -euo pipefail
 : "${VMFT:?}" "${KORU_SOURCE_DIR:?}" "${KORU_SHARED_DIR:?}" "${KORU_WORK_DIR:?}"
 mkdir -p "$KORU_WORK_DIR"
+# Every test runs a copy of its own: the trace log is written beside the executable,
+# and tests run in parallel.
+if [[ $VMFT != "$KORU_WORK_DIR"/bin/* ]]; then
+  mkdir -p "$KORU_WORK_DIR/bin/$(basename "$0" .sh)"
+  cp -f "$VMFT" "$KORU_WORK_DIR/bin/$(basename "$0" .sh)/vmft"
+  VMFT=$KORU_WORK_DIR/bin/$(basename "$0" .sh)/vmft
+fi
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 skip() { echo "SKIP: $*" >&2; exit 77; }

@@ -45,3 +45,8 @@ expected="$((128 + mft_cluster * 4096)) $((128 + (mft_cluster + 1) * 4096))"
 ours=$(vmft_ranges "$big" C) || fail "vmft ranges failed on ntfs-2m"
 [[ $ours == "$expected" ]] || fail "ntfs-2m: vmft says '$ours', the boot sector '$expected'"
 echo "ok: ntfs-2m.raw C: $ours"
+# Its files' names cannot be read on Linux: an inventory would look empty and complete.
+rm -f "$work/2m.ini"
+err=$("$VMFT" --disk "$big" hlinfo "$work/2m.ini" C 2>&1 >/dev/null) && fail "ntfs-2m: hlinfo succeeded"
+[[ $err == *"clusters above 64 KiB"* && ! -e $work/2m.ini ]] || fail "ntfs-2m: hlinfo says '$err'"
+echo "ok: ntfs-2m.raw hlinfo refused: $err"

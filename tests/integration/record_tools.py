@@ -14,6 +14,7 @@ fixed up: values of an attribute that covers the end of a 512-byte half may diff
 and are not compared.
 """
 import argparse
+import os
 import re
 import struct
 import subprocess
@@ -410,9 +411,13 @@ def main():
             records = int(re.search(r"Range: \d+ - (\d+)", fsstat).group(1))
         checker.record_size = int(re.search(r"Size of MFT Entries: (\d+)", fsstat).group(1))
         checker.runs = checker.mft_runs()
-    for number in range(records):
+    # The sanitizer build runs vmft several times slower: there, past the system files,
+    # every Nth record (the other build checks them all).
+    stride = int(os.environ.get("KORU_RECORD_STRIDE", "1"))
+    numbers = [n for n in range(records) if n < 64 or n % stride == 0]
+    for number in numbers:
         checker.check(number)
-    print(f"{args.image} {args.letter}: {records} records, {checker.compared} values compared, "
+    print(f"{args.image} {args.letter}: {len(numbers)} of {records} records, {checker.compared} values compared, "
           f"{checker.problems} mismatches")
     return 1 if checker.problems else 0
 

@@ -47,6 +47,7 @@ class FaultEnv : public platform::Env {
   void AnswerIoctl(IoctlAnswer answer) { ioctl_answer_ = std::move(answer); }
   void AnswerVolumeName(VolumeNameAnswer answer) { volume_name_answer_ = std::move(answer); }
   std::wostringstream& captured_stdout() { return stdout_; }
+  std::wostringstream& captured_stderr() { return stderr_; }
 
   // The calls that can be faulted.
   platform::HMODULE GetModuleHandleW(const wchar_t* n) override {
@@ -167,6 +168,7 @@ class FaultEnv : public platform::Env {
   bool OpenProcessToken(DWORD a, platform::HANDLE* t) override { return inner_.OpenProcessToken(a, t); }
   bool LookupPrivilegeValueW(const wchar_t* n, platform::Luid* l) override { return inner_.LookupPrivilegeValueW(n, l); }
   std::wostream& StdOut() override { return stdout_; }  // captured instead
+  std::wostream& StdErr() override { return stderr_; }
 
  private:
   enum class Kind { kFail, kShortRead, kSeekOff };
@@ -193,6 +195,7 @@ class FaultEnv : public platform::Env {
   IoctlAnswer ioctl_answer_;
   VolumeNameAnswer volume_name_answer_;
   std::wostringstream stdout_;
+  std::wostringstream stderr_;
 };
 
 }  // namespace koru::test

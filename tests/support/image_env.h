@@ -31,6 +31,7 @@ class ImageEnv : public FaultEnv {
                        DWORD out_size, DWORD* returned) override;
   bool GetVolumeNameForVolumeMountPointW(const wchar_t* mount_point, wchar_t* buffer, DWORD size) override;
   std::wostream& StdOut() override { return inner_.StdOut(); }  // FaultEnv would capture it
+  std::wostream& StdErr() override { return inner_.StdErr(); }
 
  private:
   struct Open {

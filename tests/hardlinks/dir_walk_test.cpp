@@ -1,0 +1,179 @@
+#include "hardlinks/dir_walk.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "support/fake_files_env.h"
+#include "support/trace_capture.h"
+
+namespace koru {
+namespace {
+
+using test::Call;
+
+// A Windows volume as the walk sees it through D:; every search and file is closed at the end.
+class DirWalk : public ::testing::Test {
+ public:
+  DirWalk() : faults_(static_cast<platform::Env&>(files_)), scope_(faults_) {
+    files_.variables = {{L"ProgramData", L"C:\\ProgramData"},
+                        {L"ProgramFiles", L"C:\\Program Files"},
+                        {L"ProgramFiles(x86)", L"C:\\Program Files (x86)"}};
+    files_.files = {
+        {2ull << 48 | 40, {L"\\ProgramData\\p.dat", L"\\ProgramData\\q.dat"}, 1},
+        {1ull << 48 | 41, {L"\\Program Files (x86)\\x.exe", L"\\Windows\\x.exe"}, 1},
+        {1ull << 48 | 42, {L"\\Windows\\System32\\a.dll", L"\\Windows\\WinSxS\\a.dll", L"\\Users\\Bob\\a.dll"}, 1},
+        {1ull << 48 | 43, {L"\\Windows\\single.dll"}, 1},
+        {1ull << 48 | 44, {L"\\Users\\Bob\\AppData\\Local\\l.db", L"\\Users\\Bob\\Documents\\l.db"}, 1},
+        {1ull << 48 | 45, {L"\\Users\\Bob\\Documents\\outside.txt", L"\\other\\outside.txt"}, 1},
+        {1ull << 48 | 46, {L"\\inetpub\\wwwroot\\i.htm", L"\\inetpub\\j.htm"}, 1},
+        // Behind a junction, in a skipped folder, and in a folder whose case misses the list.
+        {1ull << 48 | 47, {L"\\Program Files\\Junction\\j.dll", L"\\other\\j.dll"}, 1},
+        {1ull << 48 | 48, {L"\\ProgramData\\Crypto\\RSA\\MachineKeys\\Keys\\k", L"\\other\\k"}, 1},
+        {1ull << 48 | 49, {L"\\ProgramData\\temporary internet files\\t", L"\\other\\t"}, 1},
+        {1ull << 48 | 50, {L"\\Windows.old\\o.dll", L"\\other\\o.dll"}, 1},
+        {1ull << 48 | 51, {L"\\Program Files\\link.dll", L"\\other\\link.dll"}, 1},
+        {1ull << 48 | 52, {L"\\Program Files\\Common\\c.dll"}, 1},
+    };
+    files_.folders = {L"\\Users\\Public"};
+    files_.reparse = {L"\\Program Files\\Junction", L"\\Program Files\\link.dll", L"\\Users\\All Users"};
+  }
+  ~DirWalk() override { EXPECT_EQ(files_.open_handles(), leaked_); }
+
+  bool Create(HardLinkMap& map, platform::DWORD kind = 10) { return HardLinkInfo::Create(kind, L'D', map); }
+  std::wstring Stdout() { return faults_.captured_stdout().str(); }
+
+  test::FakeFilesEnv files_;
+  test::FaultEnv faults_;
+  platform::ScopedEnv scope_;
+  test::TraceCapture trace_;
+  std::size_t leaked_ = 0;  // searches whose FindClose was made to fail
+};
+
+TEST_F(DirWalk, RecordsFilesWithSeveralLinksUnderTheRootsOnly) {
+  HardLinkMap map;
+  ASSERT_TRUE(Create(map));
+  // Keys are file indexes, sequence number on top; a file met twice keeps the name
+  // of the earlier root (Program Files (x86) before Windows); paths lose the letter.
+  const HardLinkMap expected = {{2ull << 48 | 40, L"\\ProgramData\\p.dat"},
+                                {1ull << 48 | 41, L"\\Program Files (x86)\\x.exe"},
+                                {1ull << 48 | 42, L"\\Windows\\System32\\a.dll"},
+                                {1ull << 48 | 44, L"\\Users\\Bob\\AppData\\Local\\l.db"},
+                                {1ull << 48 | 46, L"\\inetpub\\j.htm"},
+                                {1ull << 48 | 49, L"\\ProgramData\\temporary internet files\\t"},
+                                {1ull << 48 | 50, L"\\Windows.old\\o.dll"}};
+  EXPECT_EQ(map, expected);
+  EXPECT_EQ(Stdout(), L"");
+  EXPECT_TRUE(trace_.Has(L"[V]: HardLinkInfo::RecurseHardLinks : Skipping ... : sThisFile = "
+                         L"\"D:\\ProgramData\\Crypto\\RSA\\MachineKeys\\Keys\""));
+  EXPECT_TRUE(trace_.Has(L"[I]: HardLinkInfo::Create : wsDocsAndSettings = \"D:\\Users\\Public\\AppData\""));
+  EXPECT_TRUE(trace_.Has(L"[I]: GetDocumentsAndSettings : sDocumentsAndSettings = \"C:\\Users\""));
+  // Only the users' folders that are not reparse points are asked for.
+  EXPECT_FALSE(trace_.Has(L"[I]: HardLinkInfo::Create : wsDocsAndSettings = \"D:\\Users\\All Users\\AppData\""));
+}
+
+TEST_F(DirWalk, ProfilesRootWithoutTheSystemsAnswerFollowsTheEnvironmentKind) {
+  files_.common_documents.reset();
+  varnel::string root;
+  GetDocumentsAndSettings(6, root);
+  EXPECT_EQ(root, L"C:\\Users");
+  GetDocumentsAndSettings(5, root);
+  EXPECT_EQ(root, L"C:\\Documents And Settings");
+  GetDocumentsAndSettings(0xFFFFFFFFu, root);  // compared signed
+  EXPECT_EQ(root, L"C:\\Documents And Settings");
+  EXPECT_TRUE(trace_.Has(L"[E]: GetDocumentsAndSettings : SHGetFolderPath failed"));
+}
+
+// Unopenable files are left out; the walk goes on.
+TEST_F(DirWalk, FilesThatCannotBeOpenedAreLeftOut) {
+  const std::wstring a = L"\\Users\\Bob\\AppData\\Local\\l.db";
+  files_.encrypted = {a};
+  const struct {
+    platform::DWORD error;
+    const wchar_t* trace;
+  } cases[] = {
+      {platform::kErrorSharingViolation, L"[W]: HardLinkInfo::GetFileId : ... ending(CreateFile failed - BUSY)"},
+      {platform::kErrorAccessDenied,
+       L"[W]: HardLinkInfo::GetFileId : Found encrypted file : sFile = \"D:\\Users\\Bob\\AppData\\Local\\l.db\""},
+      {platform::kErrorInvalidName, L"[E]: HardLinkInfo::GetFileId : ... ending(CreateFile failed) : dwLastError = 123"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.trace);
+    trace_.Reset();
+    files_.fail_open = {{a, c.error}};
+    HardLinkMap map;
+    ASSERT_TRUE(Create(map));
+    EXPECT_EQ(map.count(1ull << 48 | 44), 0u);
+    EXPECT_EQ(map.size(), 6u);
+    EXPECT_TRUE(trace_.Has(c.trace));
+  }
+  files_.encrypted.clear();
+  files_.fail_open = {{a, platform::kErrorAccessDenied}};
+  HardLinkMap map;
+  ASSERT_TRUE(Create(map));
+  EXPECT_TRUE(trace_.Has(L"[E]: HardLinkInfo::GetFileId : ... ending(Access denied and file is not encrypted)"));
+}
+
+TEST_F(DirWalk, ProgramFilesX86IsOptional) {
+  files_.variables.erase(L"ProgramFiles(x86)");
+  HardLinkMap map;
+  ASSERT_TRUE(Create(map));
+  EXPECT_EQ(map.at(1ull << 48 | 41), L"\\Windows\\x.exe");
+}
+
+// All or nothing: the first root that fails ends the walk with its line on stdout.
+TEST_F(DirWalk, EveryFailureEndsTheWalk) {
+  const struct {
+    std::function<void(DirWalk&)> fault;
+    const wchar_t* stdout_text;
+    std::vector<const wchar_t*> trace;
+    const wchar_t* stderr_text = L"";
+  } cases[] = {
+      {[](DirWalk& t) { t.files_.variables.erase(L"ProgramData"); }, L"",
+       {L"[E]: HardLinkInfo::Create : ... ending( GetEnvironmentVariable(ProgramData) failed ) : dwLastError = 203"}},
+      {[](DirWalk& t) { t.faults_.FailCall(Call::GetEnvironmentVariableW, platform::kErrorNotEnoughMemory, 3); }, L"",
+       {L"[E]: HardLinkInfo::Create : ... ending( GetEnvironmentVariable(ProgramFiles(x86)) failed ) : dwLastError = 8"}},
+      {[](DirWalk& t) { t.faults_.FailCall(Call::GetWindowsDirectoryW, platform::kErrorInvalidFunction); }, L"",
+       {L"[E]: HardLinkInfo::Create : ... ending( GetWindowsDirectory failed ) : dwLastError = 1"}},
+      // Access denied on a folder below a root.
+      {[](DirWalk& t) { t.files_.fail_search = {{L"\\Program Files\\Common", platform::kErrorAccessDenied}}; },
+       L"Failed to search for hard-links under D:\\Program Files\n",
+       {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(FindFirstFile failed) : dwLastError = 5",
+        L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(RecurseHardLinks failed)",
+        L"[E]: HardLinkInfo::Create : ... ending( RecurseHardLinks(Program Files) failed )"}},
+      {[](DirWalk& t) { t.faults_.FailCall(Call::FindNextFileW, platform::kErrorFileCorrupt, 2); },
+       L"Failed to search for hard-links under D:\\ProgramData\n",
+       {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(FindNextFile failed - Corrupt File/Folder)",
+        L"[E]: HardLinkInfo::Create : ... ending( RecurseHardLinks(ProgramData) failed )"},
+       L"Error: Failed scanning hard-links because of a corrupt file or folder\n"},
+      {[](DirWalk& t) { t.faults_.FailCall(Call::FindClose, platform::kErrorInvalidHandle, 1), ++t.leaked_; },
+       L"Failed to search for hard-links under D:\\ProgramData\n",
+       {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(FindClose failed) : dwLastError = 6"}},
+      {[](DirWalk& t) { t.files_.fail_search = {{L"\\Users", platform::kErrorAccessDenied}}; }, L"",
+       {L"[E]: HardLinkInfo::GetUserList : ... ending(FindFirstFile failed) : dwLastError = 5",
+        L"[E]: HardLinkInfo::Create : ... ending( GetUserList failed )"}},
+      {[](DirWalk& t) { t.files_.fail_search = {{L"\\Users\\Bob\\AppData\\Local", platform::kErrorAccessDenied}}; },
+       L"Failed to search for hard-links under D:\\Users\\Bob\\AppData\n",
+       {L"[E]: HardLinkInfo::Create : ... ending( RecurseHardLinks(Documents And Settings) failed )"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.trace.back());
+    DirWalk& t = *this;
+    trace_.Reset();
+    faults_.Clear();
+    faults_.captured_stdout().str(L"");
+    faults_.captured_stderr().str(L"");
+    const auto saved_variables = files_.variables;
+    c.fault(t);
+    HardLinkMap map;
+    EXPECT_FALSE(Create(map));
+    EXPECT_EQ(Stdout(), c.stdout_text);
+    EXPECT_EQ(faults_.captured_stderr().str(), c.stderr_text);
+    for (const wchar_t* line : c.trace) EXPECT_TRUE(trace_.Has(line)) << line;
+    files_.variables = saved_variables;
+    files_.fail_search.clear();
+  }
+}
+
+}  // namespace
+}  // namespace koru
