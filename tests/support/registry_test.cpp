@@ -50,18 +50,17 @@ TEST(RegistryRead, OnlyAWholeStringValueReadsAndEveryKeyIsClosed) {
     }
     EXPECT_TRUE(fake.open_keys.empty());
   }
-  EXPECT_EQ(fake.opens[0].key, std::wstring(kCurrentVersion));
-  EXPECT_EQ(fake.opens[0].sam, 0x20019u);
+  EXPECT_EQ(fake.opens[0], std::make_pair(std::wstring(kCurrentVersion), platform::DWORD{0x20019}));
   software.SetFlag(1);  // the 64-bit view
   varnel::string value;
   EXPECT_TRUE(software.ReadStringValue(kBelowSoftware, L"CSDVersion", value));
-  EXPECT_EQ(fake.opens.back().sam, 0x20119u);
+  EXPECT_EQ(fake.opens.back().second, 0x20119u);
 #ifndef _WIN32
   EXPECT_FALSE(Registry_Software().ReadStringValue(kBelowSoftware, L"CurrentBuild", value));  // no hive attached
 #endif
 }
 
-TEST(RegistryPrivileges, EnableSavesThePreviousStateAndRestorePutsItBack) {
+TEST(RegistryPrivileges, EnableSavesThePreviousStateRestorePutsItBackAndFailuresCloseTheToken) {
   FakeSystemEnv env;
   platform::TokenPrivileges saved;
   ASSERT_TRUE(Registry::EnablePrivilege(L"SeBackupPrivilege", &saved, env));
@@ -71,51 +70,34 @@ TEST(RegistryPrivileges, EnableSavesThePreviousStateAndRestorePutsItBack) {
   ASSERT_TRUE(Registry::RestorePrivilege(L"SeBackupPrivilege", &saved, env));
   EXPECT_FALSE(env.enabled[L"SeBackupPrivilege"]);
   EXPECT_EQ(env.token_accesses, (std::vector<platform::DWORD>{0x28, 0x20}));
-  EXPECT_TRUE(env.open_tokens.empty());
-
   env.enabled[L"SeRestorePrivilege"] = true;
   EXPECT_TRUE(Registry::RestorePrivilege(L"SeRestorePrivilege", nullptr, env));  // no saved state: disable
   EXPECT_FALSE(env.enabled[L"SeRestorePrivilege"]);
-}
 
-TEST(RegistryPrivileges, FailuresOfTokenLookupAndAdjustment) {
-  FakeSystemEnv env;
-  platform::TokenPrivileges saved;
   EXPECT_FALSE(Registry::EnablePrivilege(L"SeMadeUpPrivilege", &saved, env));
-  EXPECT_TRUE(env.open_tokens.empty());  // the token is closed on the way out
+  EXPECT_TRUE(env.open_tokens.empty());
   env.adjust_succeeds = false;
   EXPECT_FALSE(Registry::EnablePrivilege(L"SeBackupPrivilege", &saved, env));
   EXPECT_FALSE(Registry::RestorePrivilege(L"SeBackupPrivilege", nullptr, env));
-  env.adjust_succeeds = true;
+  EXPECT_TRUE(env.open_tokens.empty());
   env.token_opens = false;
   EXPECT_FALSE(Registry::EnablePrivilege(L"SeBackupPrivilege", &saved, env));
-  EXPECT_FALSE(Registry::RestorePrivilege(L"SeBackupPrivilege", &saved, env));
 }
 
-TEST(RegistryUnload, UnloadsAPlainNameAndLeavesThePrivilegesAsTheyWere) {
+TEST(RegistryUnload, OnlyAPlainNameAndEveryFailurePutsThePrivilegesBack) {
   FakeSystemEnv env;
   env.enabled[L"SeBackupPrivilege"] = true;
   EXPECT_TRUE(Registry::UnloadHive(L"OfflineSoftware", env));
   EXPECT_EQ(env.unloads, (std::vector<std::wstring>{L"OfflineSoftware"}));
+  env.unload_result = static_cast<platform::LONG>(platform::kErrorAccessDenied);
+  EXPECT_FALSE(Registry::UnloadHive(L"Hive", env));
   EXPECT_TRUE(env.enabled[L"SeBackupPrivilege"]);
   EXPECT_FALSE(env.enabled[L"SeRestorePrivilege"]);
   EXPECT_TRUE(env.open_tokens.empty());
 
-  // A name with a backslash is refused before any privilege is touched.
-  FakeSystemEnv refused;
+  FakeSystemEnv refused;  // before any privilege is touched
   EXPECT_FALSE(Registry::UnloadHive(L"Hive\\", refused));
-  EXPECT_FALSE(Registry::UnloadHive(L"\\Hive", refused));
-  EXPECT_TRUE(refused.unloads.empty());
   EXPECT_TRUE(refused.token_accesses.empty());
-}
-
-TEST(RegistryUnload, FailuresAlongTheWayPutThePrivilegesBack) {
-  FakeSystemEnv env;
-  env.unload_result = static_cast<platform::LONG>(platform::kErrorAccessDenied);
-  EXPECT_FALSE(Registry::UnloadHive(L"Hive", env));
-  EXPECT_FALSE(env.enabled[L"SeRestorePrivilege"]);
-  EXPECT_FALSE(env.enabled[L"SeBackupPrivilege"]);
-
   for (const wchar_t* only : {L"SeRestorePrivilege", L"SeBackupPrivilege"}) {
     FakeSystemEnv lacking;
     lacking.known_privileges = {only};
@@ -123,7 +105,6 @@ TEST(RegistryUnload, FailuresAlongTheWayPutThePrivilegesBack) {
     EXPECT_TRUE(lacking.unloads.empty());
     EXPECT_FALSE(lacking.enabled[only]);
   }
-
   // The unload succeeds but a restoration does not: still false.
   FakeSystemEnv fake;
   FaultEnv faults(static_cast<platform::Env&>(fake));
@@ -132,6 +113,7 @@ TEST(RegistryUnload, FailuresAlongTheWayPutThePrivilegesBack) {
   EXPECT_EQ(fake.unloads.size(), 1u);
 }
 
+// The offline hive keys end in a backslash, so the unload refuses them.
 TEST(RegistryDestructors, AnOfflineHiveStaysLoaded) {
   FakeSystemEnv env;
   env.AddKey(Registry_System::kOfflineHiveKey);
