@@ -1,4 +1,4 @@
-// FakeSystemEnv: a Windows system as the classification, registry, privilege and
+// FakeSystemEnv: a Windows system as the classification, registry and
 // module-identity code sees it, made of tables a test fills. Everything else goes to
 // the wrapped Env (the real one by default), so INI files and logs are real files.
 // Not thread-safe: the tables are touched only from the test's own thread.
@@ -7,10 +7,8 @@
 #include <algorithm>
 #include <cstring>
 #include <cwctype>
-#include <iterator>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,14 +51,9 @@ class FakeSystemEnv : public FaultEnv {
   std::vector<std::pair<std::wstring, DWORD>> opens;  // key, access
   std::vector<std::wstring> unloads;
   std::map<HKEY, std::wstring> open_keys;  // handle -> folded key
-  LONG unload_result = 0;
 
-  // --- privileges of the process token; a privilege's LUID is its 1-based place in known_privileges
-  std::set<std::wstring> known_privileges{L"SeRestorePrivilege", L"SeBackupPrivilege"};
-  bool token_opens = true, adjust_succeeds = true;
-  std::map<std::wstring, bool> enabled;
+  // --- the process token: every use is recorded and refused
   std::vector<DWORD> token_accesses;
-  std::set<std::uintptr_t> open_tokens;
 
   // --- module identity; an empty exe_path is the real one
   std::wstring exe_path;
@@ -157,41 +150,12 @@ class FakeSystemEnv : public FaultEnv {
   LONG RegCloseKey(HKEY key) override { return open_keys.erase(key) == 1 ? 0 : platform::kErrorInvalidHandle; }
   LONG RegUnLoadKeyW(HKEY, const wchar_t* key) override {
     unloads.push_back(key);
-    return unload_result;
+    return 0;
   }
 
-  bool OpenProcessToken(DWORD access, platform::HANDLE* token) override {
+  bool OpenProcessToken(DWORD access, platform::HANDLE*) override {
     token_accesses.push_back(access);
-    if (!token_opens) return Fail(platform::kErrorAccessDenied);
-    open_tokens.insert(next_token_ += 4);
-    *token = reinterpret_cast<platform::HANDLE>(next_token_);
-    return true;
-  }
-  bool LookupPrivilegeValueW(const wchar_t* name, platform::Luid* luid) override {
-    auto it = known_privileges.find(name);
-    if (it == known_privileges.end()) return Fail(platform::kErrorNoSuchPrivilege);
-    luid->LowPart = static_cast<DWORD>(std::distance(known_privileges.begin(), it) + 1);
-    luid->HighPart = 0;
-    return true;
-  }
-  bool AdjustTokenPrivileges(platform::HANDLE token, const platform::TokenPrivileges* state, DWORD size,
-                             platform::TokenPrivileges* previous, DWORD* returned) override {
-    if (open_tokens.count(reinterpret_cast<std::uintptr_t>(token)) == 0) return Fail(platform::kErrorInvalidHandle);
-    if (!adjust_succeeds) return Fail(platform::kErrorAccessDenied);
-    if (previous != nullptr && size < sizeof *previous) return Fail(platform::kErrorInsufficientBuffer);
-    const DWORD index = state->PrivilegeLuid.LowPart;
-    if (index == 0 || index > known_privileges.size()) return Fail(platform::kErrorNoSuchPrivilege);
-    bool& on = enabled[*std::next(known_privileges.begin(), index - 1)];
-    if (previous) {
-      *previous = *state;
-      previous->Attributes = on ? platform::kSePrivilegeEnabled : 0;
-      *returned = sizeof *previous;
-    }
-    on = (state->Attributes & platform::kSePrivilegeEnabled) != 0;
-    return true;
-  }
-  bool CloseHandle(platform::HANDLE handle) override {
-    return open_tokens.erase(reinterpret_cast<std::uintptr_t>(handle)) == 1 || FaultEnv::CloseHandle(handle);
+    return Fail(platform::kErrorAccessDenied);
   }
 
  private:
@@ -219,7 +183,6 @@ class FakeSystemEnv : public FaultEnv {
 
   std::map<std::wstring, std::map<std::wstring, std::pair<DWORD, std::vector<unsigned char>>>> keys_;  // type, data
   HKEY next_key_ = 0x1000;
-  std::uintptr_t next_token_ = 0x7000;
 };
 
 }  // namespace koru::test
