@@ -13,6 +13,7 @@
 
 #include "base/ntfs_layout.h"
 #include "mft/attribute.h"
+#include "mft/mft.h"
 #include "support/temp_disk.h"
 
 namespace koru::test {
@@ -27,15 +28,8 @@ class RecordFixture {
   }
 
   // A resident attribute with a value of `value_length` zero bytes.
-  RecordFixture& Resident(std::uint32_t type, std::uint32_t value_length = 8) {
-    const std::uint32_t length = Align8(layout::kResidentHeaderSize + value_length);
-    last_ = next_;
-    Put32(bytes_, next_ + layout::kAttrType, type);
-    Put32(bytes_, next_ + layout::kAttrLength, length);
-    Put32(bytes_, next_ + layout::kAttrValueLength, value_length);
-    Put16(bytes_, next_ + layout::kAttrValueOffset, layout::kResidentHeaderSize);
-    next_ += length;
-    return *this;
+  RecordFixture& Resident(std::uint32_t type, std::size_t value_length = 8) {
+    return Resident(type, std::vector<std::byte>(value_length));
   }
 
   // A resident attribute holding `value`, named `name`, with attribute id `id`.
@@ -120,6 +114,23 @@ struct Value {
   }
   std::vector<std::byte> bytes;
 };
+
+// A reader of \\.\PhysicalDrive0 as drive C:, 8 sectors to a cluster; the disk stands
+// in for the volume hint, as the images here have no lettered volume.
+inline platform::HANDLE OpenDisk() {
+  return platform::Env::Default().CreateFileW(L"\\\\.\\PhysicalDrive0", platform::kGenericRead, 0,
+                                              platform::kOpenExisting, 0);
+}
+inline MFT DiskReader(std::uint32_t sector_size, std::uint64_t mft_sector = 0, bool hint = true) {
+  MFT mft;
+  mft.SetPhysicalDrive(0);
+  mft.m_wcDriveLetter = L'C';
+  mft.m_dwBytesPerSector = sector_size;
+  mft.m_dwSectorsPerCluster = 8;
+  mft.m_uiMftSector = mft_sector;
+  if (hint) mft.m_hVolumeHint = OpenDisk();
+  return mft;
+}
 
 // The dump of the attribute added last, given the rest of the record as the record
 // dump hands it over.
