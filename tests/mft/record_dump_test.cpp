@@ -13,6 +13,7 @@
 namespace koru {
 namespace {
 
+using test::Fields;
 using test::Put16;
 using test::Put32;
 using test::RecordFixture;
@@ -42,23 +43,16 @@ TEST(RecordDump, HeaderFieldsAsTheyLieOnTheDisk) {
   Put32(b, layout::kRecNumber, 42);
   Put16(b, layout::kRecSectorEnd1, 0xABCD);
   EXPECT_EQ(Dump(r.OnDisk(0x1234)),
-            L"\n" + std::wstring(140, L'=') +
-                L"\n"
-                L"Absolute Sectors                 : 7 & 8\n"
-                L"Record Signature                 : [FILE]\n"
-                L"Offset to update sequence array  : 48\n"
-                L"Size of update sequence array    : 3\n"
-                L"Sequence Number                  : 5\n"
-                L"Hard-link count                  : 2\n"
-                L"Offset to first attribute        : 56\n"
-                L"Flags                            : Record Segment In-Use File Name Index Present\n"
-                L"Actual size of MFT entry         : 400\n"
-                L"Allocated size of MFT entry      : 1024\n"
-                L"Base File Record Segment         : Seq=3, Hi=1, Lo=70000\n"
-                L"Next Attribute Id                : 6\n"
-                L"MFT Record Number                : 42\n"
-                L"Update Sequence Number           : 4660\n"
-                L"Update Sequence Array            : 0x34 0x12 0xcd\n");
+            L"\n" + std::wstring(140, L'=') + L"\n" +
+                Fields({{L"Absolute Sectors", L"7 & 8"}, {L"Record Signature", L"[FILE]"},
+                        {L"Offset to update sequence array", L"48"}, {L"Size of update sequence array", L"3"},
+                        {L"Sequence Number", L"5"}, {L"Hard-link count", L"2"}, {L"Offset to first attribute", L"56"},
+                        {L"Flags", L"Record Segment In-Use File Name Index Present"},
+                        {L"Actual size of MFT entry", L"400"}, {L"Allocated size of MFT entry", L"1024"},
+                        {L"Base File Record Segment", L"Seq=3, Hi=1, Lo=70000"}, {L"Next Attribute Id", L"6"},
+                        {L"MFT Record Number", L"42"}, {L"Update Sequence Number", L"4660"},
+                        {L"Update Sequence Array", L"0x34 0x12 0xcd"}},
+                       33));
 }
 
 TEST(RecordDump, HeaderVariants) {
@@ -102,19 +96,17 @@ TEST(RecordDump, RealRecords) {
     std::vector<std::wstring> lines;
   } cases[] = {
       {"records/rp.bin",
-       {L"MFT Record Number                : 106\n", L"File Name                           : [link.txt]\n",
-        L"Reparse Type                        : 0x0c Symbolic-Link\n"
-        L"Reparse Flags                       : Microsoft Name-Surrogate\n"
-        L"Reparse Data Length                 : 52\n"
-        L"Print Name                          : [target.txt]\n"
-        L"Substitute Name                     : [target.txt]\n"
-        L"Flags                               : 0x1\n"}},
+       {Fields({{L"MFT Record Number", L"106"}}, 33), Fields({{L"File Name", L"[link.txt]"}}),
+        Fields({{L"Reparse Type", L"0x0c Symbolic-Link"}, {L"Reparse Flags", L"Microsoft Name-Surrogate"},
+                {L"Reparse Data Length", L"52"}, {L"Print Name", L"[target.txt]"},
+                {L"Substitute Name", L"[target.txt]"}, {L"Flags", L"0x1"}})}},
       {"records/entry_super_long_name_001.bin",
-       {L"File Name Length (wchar_t)          : 228\n", L"_super_sup?r_super_", L"longname.txt]\n"}},
+       {Fields({{L"File Name Length (wchar_t)", L"228"}}), L"_super_sup?r_super_", L"longname.txt]\n"}},
       // Its first half ends in 0x0046 where the update sequence number is 24.
       {"records/entry_102130_fixup_issue.bin",
-       {L"Update Sequence Number           : 24\n", L"Reference To The Parent Directory   : 101990/7\n",
-        L"File Name                           : [Application?Data]\n", L"Name                                : [$I30]\n"}},
+       {Fields({{L"Update Sequence Number", L"24"}}, 33),
+        Fields({{L"Reference To The Parent Directory", L"101990/7"}}),
+        Fields({{L"File Name", L"[Application?Data]"}}), Fields({{L"Name", L"[$I30]"}})}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);

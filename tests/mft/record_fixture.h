@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/ntfs_layout.h"
@@ -140,6 +142,19 @@ inline std::wstring DumpLast(RecordFixture& r) {
   const auto attribute = Attribute::Factory(header, 8);
   if (attribute) attribute->Dump(os, header);
   return os.str();
+}
+
+// Dump lines "label: value", the labels padded to the dump's column; an empty value
+// leaves the colon last.
+using Field = std::pair<const wchar_t*, std::wstring>;
+inline std::wstring Fields(std::initializer_list<Field> fields, std::size_t width = 36) {
+  std::wstring out;
+  for (const auto& [label, value] : fields) {
+    std::wstring line = label;
+    line.resize(width, L' ');
+    out += line + (value.empty() ? L":" : L": " + value) + L"\n";
+  }
+  return out;
 }
 
 // What a resident attribute's dump writes after its common block.
