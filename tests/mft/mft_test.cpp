@@ -125,39 +125,6 @@ TEST(MftReadRecord, ReusesItsHandlesAndOpensTheVolumeHintFirst) {
   mft.CloseHandles();
 }
 
-// Each fault hits one call only, so the same reader reads fine afterwards.
-TEST(MftReadRecord, EveryReadFailureReturnsFalseWithItsTrace) {
-  test::TempDisk disk(DiskWithRecord(2, 512, 3), 512);
-  test::FaultEnv env(platform::Env::Default());
-  platform::ScopedEnv scoped(env);
-  const struct {
-    std::function<void()> inject;
-    std::vector<std::wstring> traces;
-  } cases[] = {
-      {[&] { env.FailCall(Call::CreateFileW, platform::kErrorAccessDenied); },
-       {L"[E]: MFT::ReadMftRecord : ... ending(CreateFie() failed) : dwLastError = 5",
-        L"[E]: MFT::ReadMftRecord : m_wszPhysicalDrive = \"\\\\.\\PhysicalDrive0\""}},
-      {[&] { env.FailCall(Call::SetFilePointerEx, platform::kErrorSeek); },
-       {L"[E]: MFT::ReadMftRecord : ... ending(SetFilePointerEx() failed) : dwLastError = 25"}},
-      {[&] { env.SeekOff(-1); },
-       {L"[E]: MFT::ReadMftRecord : ... ending(SetFilePointerEx() failed to seek to requested offset)"}},
-      {[&] { env.FailCall(Call::ReadFile, platform::kErrorReadFault); },
-       {L"[E]: MFT::ReadMftRecord : ... ending(ReadFile() failed)", L"[E]: MFT::ReadMftRecord : dwLastError = 30"}},
-      {[&] { env.ShortRead(1023); }, {L"[E]: MFT::ReadMftRecord : ... ending(Didn't read the whole MFT record)"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.traces[0]);
-    MFT mft = DiskReader(512);
-    c.inject();
-    test::TraceCapture trace;
-    RecordBuffer record{};
-    EXPECT_FALSE(mft.ReadMftRecord(2, record));
-    for (const auto& t : c.traces) EXPECT_TRUE(trace.Has(t)) << testing::Message() << t;
-    EXPECT_TRUE(mft.ReadMftRecord(2, record));
-    mft.CloseHandles();
-  }
-}
-
 // GetMftRanges on a disk whose record 0 sits at sector 16 of a volume said to start
 // at 2048: on success the pairs come out shifted by the volume start.
 class MftRanges : public ::testing::Test {

@@ -195,39 +195,47 @@ TEST(MftRead, DumpsTheRecordUnpatched) {
   }
 }
 
-TEST(MftRead, EveryReadFailureWritesNothingAndTracesItsEnding) {
+// Both readers of a record, each with its own endings, fail on every fault.
+TEST(MftRead, EveryReadFailureOfEitherReaderWritesNothingAndTracesItsEnding) {
   std::vector<std::byte> image(2 * 512);
   const auto record = RecordOnDisk();
   image.insert(image.end(), record.begin(), record.end());
   test::TempDisk disk(image, 512);
   test::FaultEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
+  const std::wstring seek = L"SetFilePointerEx() failed) : dwLastError = 25",
+                     elsewhere = L"SetFilePointerEx() failed to seek to requested offset)",
+                     hint = L"SetVolumeHintHandle() failed)", whole = L"Didn't read the whole MFT record)";
   const struct {
     std::function<void(MFT&)> inject;
-    const wchar_t* trace;
+    std::wstring read, record, record_detail;  // Read's ending, ReadMftRecord's, and its other line
   } cases[] = {
-      {[](MFT& m) { m.CloseHandles(); }, L"[E]: MFT::Read : ... ending(SetVolumeHintHandle() failed)"},
+      {[](MFT& m) { m.CloseHandles(); }, hint, hint, L""},
       {[&](MFT&) { env.FailCall(test::Call::CreateFileW, platform::kErrorAccessDenied); },
-       L"[E]: MFT::Read : ... ending(CreateFile() failed) : dwLastError = 5"},
-      {[&](MFT&) { env.FailCall(test::Call::SetFilePointerEx, platform::kErrorSeek); },
-       L"[E]: MFT::Read : ... ending(SetFilePointerEx() failed) : dwLastError = 25"},
-      {[&](MFT&) { env.SeekOff(-1); },
-       L"[E]: MFT::Read : ... ending(SetFilePointerEx() failed to seek to requested offset)"},
+       L"CreateFile() failed) : dwLastError = 5", L"CreateFie() failed) : dwLastError = 5",
+       L"m_wszPhysicalDrive = \"\\\\.\\PhysicalDrive0\""},
+      {[&](MFT&) { env.FailCall(test::Call::SetFilePointerEx, platform::kErrorSeek); }, seek, seek, L""},
+      {[&](MFT&) { env.SeekOff(-1); }, elsewhere, elsewhere, L""},
       {[&](MFT&) { env.FailCall(test::Call::ReadFile, platform::kErrorReadFault); },
-       L"[E]: MFT::Read : ... ending(ReadFile() failed) : dwLastError = 30"},
-      {[&](MFT&) { env.ShortRead(1023); }, L"[E]: MFT::Read : ... ending(Didn't read the whole MFT record)"},
-      {[](MFT& m) { m.m_uiMftSector = 5; }, L"[E]: MFT::Read : ... ending(Didn't read the whole MFT record)"},
+       L"ReadFile() failed) : dwLastError = 30", L"ReadFile() failed)", L"dwLastError = 30"},
+      {[&](MFT&) { env.ShortRead(1023); }, whole, whole, L""},
+      {[](MFT& m) { m.m_uiMftSector = 5; }, whole, whole, L""},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(c.trace)));
-    MFT mft = test::DiskReader(512, 2);
-    c.inject(mft);
-    test::TraceCapture trace;
-    std::wostringstream os;
-    EXPECT_FALSE(mft.Read(os));
-    EXPECT_EQ(os.str(), L"");
-    EXPECT_TRUE(trace.Has(c.trace));
-    mft.CloseHandles();
+    for (const bool dump : {true, false}) {
+      SCOPED_TRACE(testing::PrintToString((dump ? L"Read: " : L"ReadMftRecord: ") + c.read));
+      MFT mft = test::DiskReader(512, 2);
+      c.inject(mft);
+      test::TraceCapture trace;
+      std::wostringstream os;
+      RecordBuffer bytes{};
+      EXPECT_FALSE(dump ? mft.Read(os) : mft.ReadMftRecord(mft.m_uiMftSector, bytes));
+      EXPECT_EQ(os.str(), L"");
+      const std::wstring fn = dump ? L"[E]: MFT::Read : " : L"[E]: MFT::ReadMftRecord : ";
+      EXPECT_TRUE(trace.Has(fn + L"... ending(" + (dump ? c.read : c.record)));
+      EXPECT_TRUE(dump || c.record_detail.empty() || trace.Has(fn + c.record_detail));
+      mft.CloseHandles();
+    }
   }
 }
 
