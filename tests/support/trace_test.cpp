@@ -97,28 +97,26 @@ TEST_F(TraceFile, LevelsFromTraceIniAndTheDefaultThatLeavesOutVerbose) {
   EXPECT_EQ(bodies(), "[I]: f : value\n");
 }
 
-TEST_F(TraceFile, KorIniChoosesTheLogDirectoryOnceAndItIsCreated) {
+// kor.ini's directory (made if missing) is taken once; SetLogDir takes only an existing one.
+TEST_F(TraceFile, LogDirectoryFromKorIniUntilSetLogDirMovesIt) {
   std::string custom;
   for (wchar_t c : dir_.win("custom")) custom += static_cast<char>(c);
   dir_.Write("kor.ini", "[File Locations]\r\nLog Files=elsewhere\r\nLogfiles=" + custom + "\r\n");
   EXPECT_EQ(LogDir(), dir_.win("custom"));
   EXPECT_TRUE(std::filesystem::is_directory(dir_ / "custom"));
   dir_.Write("kor.ini", "[File Locations]\r\nLogfiles=Z:\\nowhere\r\n");
-  EXPECT_EQ(LogDir(), dir_.win("custom"));  // cached
-}
-
-TEST_F(TraceFile, LogfilesBesideTheProgramUntilSetLogDirMovesItToAnExistingDirectory) {
-  EXPECT_EQ(LogDir(), dir_.win("Logfiles"));
+  EXPECT_EQ(LogDir(), dir_.win("custom"));
   std::filesystem::create_directories(dir_ / "moved");
   EXPECT_FALSE(trace().SetLogDir(dir_.win("missing").c_str()));
-  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("Logfiles/VMFT_trace.log").c_str());
+  EXPECT_STREQ(trace().LogFilePath().c_str(), dir_.win("custom/VMFT_trace.log").c_str());
   EXPECT_TRUE(trace().SetLogDir(dir_.win("moved").c_str()));
   EXPECT_EQ(LogDir(), dir_.win("moved"));
   trace().Trace(1, L"f", L"moved");
   EXPECT_EQ(dir_.Read("moved/VMFT_trace.log"), std::string(kPrefix) + "[E]: f : moved\n");
 }
 
-TEST_F(TraceFile, APreviousLogIsKeptAsOldAndOnlyTheFirstObjectStartsAfresh) {
+// An entry whose file cannot open is lost, not written later.
+TEST_F(TraceFile, APreviousLogIsKeptAsOldOnlyTheFirstObjectStartsAfreshAndAnUnopenedEntryIsSkipped) {
   dir_.Write(kLog, "previous run\n");
   dir_.Write("Logfiles/VMFT_trace.old", "the run before\n");
   trace();
@@ -129,10 +127,6 @@ TEST_F(TraceFile, APreviousLogIsKeptAsOldAndOnlyTheFirstObjectStartsAfresh) {
   trace().Trace(1, L"f", L"first object");
   trace().StartFresh();
   EXPECT_EQ(bodies(), "[E]: f : first object\n");
-}
-
-TEST_F(TraceFile, AnEntryWhoseFileCannotOpenIsSkipped) {
-  trace();
   FaultEnv faults(static_cast<platform::Env&>(env_));
   CTrace failing(L"VMFT_trace.log", L"VMFT_TraceLevel", faults);
   faults.FailCall(Call::CreateFileW, platform::kErrorAccessDenied);
