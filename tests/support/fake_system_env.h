@@ -27,9 +27,7 @@ class FakeSystemEnv : public FaultEnv {
 
   // --- system information; none or empty: the call fails
   std::optional<platform::OsVersionInfo> version;
-  std::optional<DWORD> product_info;
   std::wstring system_dir;
-  bool wow64 = false;
   void SetVersion(DWORD major, DWORD minor, std::uint8_t product_type) {
     version = platform::OsVersionInfo{};
     version->dwMajorVersion = major;
@@ -114,17 +112,9 @@ class FakeSystemEnv : public FaultEnv {
     if (!version) return Fail(platform::kErrorInvalidParameter);
     return *info = *version, true;
   }
-  bool GetProductInfo(DWORD, DWORD, DWORD, DWORD, DWORD* type) override {
-    if (!product_info) return Fail(platform::kErrorProcNotFound);
-    return *type = *product_info, true;
-  }
   UINT GetSystemDirectoryW(wchar_t* buffer, UINT size) override {
     return system_dir.empty() ? Fail(platform::kErrorCallNotImplemented) : Copy(system_dir, buffer, size);
   }
-  UINT GetSystemWow64DirectoryW(wchar_t* buffer, UINT size) override {
-    return wow64 ? Copy(L"C:\\Windows\\SysWOW64", buffer, size) : Fail(platform::kErrorCallNotImplemented);
-  }
-
   LONG RegOpenKeyExW(HKEY root, const wchar_t* key, DWORD, DWORD sam, HKEY* out) override {
     opens.emplace_back(key, sam);
     *out = 0;
