@@ -111,14 +111,4 @@ TEST_F(VmftVersion, NoLogDirectoryMeansNoVersionLog) {
   EXPECT_FALSE(dir_.Exists("Logs/Version.log"));
 }
 
-#ifndef _WIN32
-TEST(VmftVersionLinux, AProgramLinkingTheCoreItselfHasNoVersionResource) {
-  TraceCapture trace;
-  varnel::string text;
-  EXPECT_EQ(VMFT::GetModuleProperty(VMFT::GMP_CAT_VERSION, text), 0u);
-  EXPECT_STREQ(text.c_str(), L"Error");
-  EXPECT_TRUE(trace.Has(L"[I]: VMFT::GetResourceVersionStr : No module handle, running as static lib?"));
-}
-#endif
-
 }  // namespace

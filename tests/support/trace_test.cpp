@@ -181,19 +181,6 @@ TEST(TraceOwnDir, GrowsTheBufferBy260AndFallsBackWhenTheQueryFails) {
   EXPECT_STREQ(own.c_str(), L"X:\\Program Files\\Varnel\\KORU");
 }
 
-// CTest runs many processes of one test program at once. Beside the program, one
-// process's start (which keeps the old log as .old and deletes it) made another's
-// append fail with a sharing violation under Windows, losing the entry a test
-// looked for; so each test process logs in a directory of its own.
-TEST(TraceLog, ATestProcessLogsInADirectoryOfItsOwn) {
-  varnel::string own, dir;
-  varnel::Trace().GetOwnDir(own);
-  varnel::Trace().GetLogDir(dir);
-  own += L"\\Logfiles";
-  EXPECT_NE(std::wstring(dir.c_str()), std::wstring(own.c_str()));
-  EXPECT_TRUE(platform::Env::Default().PathIsDirectoryW(dir.c_str()));
-}
-
 // Sixteen writers while another thread moves the log between two directories and
 // changes the level (always keeping Information on): every entry lands whole, once,
 // in one of the two logs, each thread's in its order. Run under ThreadSanitizer too.
