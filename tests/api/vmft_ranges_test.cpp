@@ -1,9 +1,10 @@
 // VMFT::GetMFTSectorRanges end to end: letter -> extents -> geometry -> boot
-// sector -> record 0 -> runs, on small disks attached as \\.\PhysicalDrive0.
-
+// sector -> record 0 -> runs, on small disks attached as \\.\PhysicalDrive0; and the
+// failures of that chain, which ReadMFTRecord shares.
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <sstream>
 
 #include "koru_mft/vmft.h"
 #include "mft/record_fixture.h"
@@ -31,7 +32,7 @@ std::vector<std::byte> Record0(const std::vector<std::uint8_t>& runs = {0x31, 0x
 
 // A disk of 512-byte sectors whose one MBR partition (type 7) at LBA 2048 holds a
 // 128-sector NTFS volume: `spc_byte` in its boot sector, `record0` at cluster
-// `mft_cluster` of 8 sectors. The boot sector holds only what the query reads.
+// `mft_cluster` of 8 sectors.
 std::vector<std::byte> Disk(const std::vector<std::byte>& record0, std::uint8_t spc_byte = 8,
                             std::uint64_t mft_cluster = 4) {
   std::vector<std::byte> disk =
@@ -41,30 +42,16 @@ std::vector<std::byte> Disk(const std::vector<std::byte>& record0, std::uint8_t 
   return disk;
 }
 
-TEST(GetMFTSectorRanges, OneVolumeGivesItsRunsInAbsoluteSectorsAndClosesItsHandles) {
-  TempDisk disk(Disk(Record0()), 512);
+TEST(GetMFTSectorRanges, RunsComeInAbsoluteSectorsAfterEarlierEntriesAndTheHandlesAreClosed) {
+  // Several runs, the third placed before its predecessor; no $BITMAP run among them.
+  TempDisk disk(Disk(Record0({0x11, 0x10, 0x40, 0x21, 0x08, 0x00, 0x01, 0x11, 0x04, 0xC0})), 512);
   test::FaultEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
-  TraceCapture trace;
-  Ranges ranges;
-  ASSERT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
-  ASSERT_EQ(ranges, (Ranges{{0x0C1000u * 8 + 2048, (0x0C1000u + 0x40) * 8 + 2048}}));
-  EXPECT_TRUE(trace.Has(L"[I]: VMFT::GetMFTSectorRanges : DiskExtent.StartingOffset = " + std::to_wstring(2048 * 512)));
-  EXPECT_TRUE(trace.Has(L"[I]: VMFT::GetMFTSectorRanges : DiskGeometry.Geometry.BytesPerSector = 512"));
-  EXPECT_TRUE(trace.Has(L"[I]: MFT::GetMftRanges : m_uiMftSector = " + std::to_wstring(2048 + 32)));
-  EXPECT_TRUE(trace.Has(L"[I]: MFT::GetMftRanges : MftRange.first = " + std::to_wstring(0x0C1000u * 8 + 2048)));
-  EXPECT_TRUE(trace.Has(L"[I]: MFT::GetMftRanges : MftRange.second = " +
-                        std::to_wstring((0x0C1000u + 0x40) * 8 + 2048)));
-  EXPECT_EQ(env.Count(test::Call::CreateFileW), env.Count(test::Call::CloseHandle));
-}
-
-TEST(GetMFTSectorRanges, EarlierEntriesStayInFrontAndAreShiftedWithTheNewOnes) {
-  // Several runs, the third placed before its predecessor.
-  TempDisk disk(Disk(Record0({0x11, 0x10, 0x40, 0x21, 0x08, 0x00, 0x01, 0x11, 0x04, 0xC0})), 512);
   Ranges ranges{{7, 9}};
   ASSERT_TRUE(VMFT::GetMFTSectorRanges(L'C', ranges));
   EXPECT_EQ(ranges, (Ranges{{7 + 2048, 9 + 2048}, {0x40 * 8 + 2048, 0x50 * 8 + 2048},
                             {0x140 * 8 + 2048, 0x148 * 8 + 2048}, {0x100 * 8 + 2048, 0x104 * 8 + 2048}}));
+  EXPECT_EQ(env.Count(test::Call::CreateFileW), env.Count(test::Call::CloseHandle));
 }
 
 // Reports the disk geometry with `bytes_per_sector` once that is set.
@@ -81,27 +68,35 @@ class GeometryEnv : public test::FaultEnv {
   std::optional<DWORD> bytes_per_sector;
 };
 
-// Failures of the query itself: the caller's entries are left as they were.
-TEST(GetMFTSectorRanges, BitLockerMissingVolumeAndBadGeometryFailTheQuery) {
-  const auto fails = [](wchar_t letter, const wchar_t* why) {
+// Both services fail with the step that failed; the caller's entries and stream are
+// left as they were.
+TEST(ExtentChain, BitLockerMissingVolumeAndBadGeometryFailBothServices) {
+  const auto fails = [](wchar_t letter, const std::wstring& why) {
     TraceCapture trace;
     Ranges ranges{{1, 2}};
+    std::wostringstream os;
     EXPECT_FALSE(VMFT::GetMFTSectorRanges(letter, ranges));
+    EXPECT_FALSE(VMFT::ReadMFTRecord(os, letter, 0));
     EXPECT_EQ(ranges, (Ranges{{1, 2}}));
-    EXPECT_TRUE(trace.Has(std::wstring(L"[E]: VMFT::GetMFTSectorRanges : ... ending(") + why + L")"));
+    EXPECT_EQ(os.str(), L"");
+    EXPECT_TRUE(trace.Has(L"[E]: VMFT::GetMFTSectorRanges : ... ending(" + why + L")"));
+    EXPECT_TRUE(trace.Has(L"[E]: VMFT::ReadMFTRecord : ... ending(" + why + L")"));
   };
   for (const char* image : {"bitlocker/bitlk-aes-xts-128.first64k", "bitlocker/bitlk-aes-xts-128-4k.first64k",
                             "bitlocker/bitlk-aes-cbc-128.first64k"}) {
     SCOPED_TRACE(image);
     TempDisk disk(test::ReadFileBytes(test::SharedImage(image)));
+    test::FaultEnv env(platform::Env::Default());  // BitLocker's notice goes to its stdout
+    platform::ScopedEnv scoped(env);
     fails(L'C', L"BootSector::GetMftSector() failed");
   }
   TempDisk disk(Disk(Record0()), 512);
   fails(L'D', L"GetVolumeDiskExtentList() failed");
   GeometryEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
-  // The first control call lists the extents, the second asks for the geometry.
+  // The first control call of each service lists the extents, the second asks for the geometry.
   env.FailCall(test::Call::DeviceIoControl, platform::kErrorInvalidFunction, 2);
+  env.FailCall(test::Call::DeviceIoControl, platform::kErrorInvalidFunction, 4);
   fails(L'C', L"GetDiskGeometryEx() failed");
   env.bytes_per_sector = 0;  // would divide by zero
   fails(L'C', L"GetDiskGeometryEx() failed");

@@ -68,29 +68,6 @@ TEST(BootSector, DecodesTheSectorsPerClusterByte) {
   }
 }
 
-TEST(BootSector, TracesEveryValueOfASuccessfulRead) {
-  TraceCapture trace;
-  Read r = ReadBoot(test::DiskImage(6).Boot(4, boot::kNtfsOemId, 0xF4, 3), 4);
-  ASSERT_TRUE(r.ok);
-  EXPECT_EQ(r.mft_sector, 4u + 4096u * 3u);  // the volume's start is added
-  EXPECT_EQ(trace.lines(), (std::vector<std::wstring>{
-                               L"[V]: BootSector::GetMftSector : starting ...",
-                               L"[I]: BootSector::GetMftSector : wszDriveName = \"\\\\.\\PhysicalDrive0\"",
-                               L"[I]: BootSector::GetMftSector : Bs.bs_ntfs.bpb.bSectorsPerCluster = 244",
-                               L"[I]: BootSector::GetMftSector : m_dwSectorsPerCluster = 4096",
-                               L"[I]: BootSector::GetMftSector : uiMftSector = 12292",
-                               L"[V]: BootSector::GetMftSector : ... ending",
-                           }));
-  trace.Reset();
-  platform::DWORD spc = 0;
-  ASSERT_TRUE(r.boot.GetSectorsPerCluster(spc));
-  EXPECT_EQ(trace.lines(), (std::vector<std::wstring>{
-                               L"[V]: BootSector::GetSectorsPerCluster : starting ...",
-                               L"[I]: BootSector::GetSectorsPerCluster : dwSectorsPerCluster = 4096",
-                               L"[V]: BootSector::GetSectorsPerCluster : ... ending",
-                           }));
-}
-
 TEST(BootSector, BitLockerAloneIsRefusedAndPrintsTheFallbackLine) {
   TraceCapture trace;
   const Read locked = ReadBoot(Volume(0x08, 4, "-FVE-FS-"));

@@ -11,6 +11,7 @@
 
 #include "api/extent_chain.h"
 #include "hardlinks/scan_volume.h"
+#include "support/disk_image.h"
 #include "mft/mft.h"
 #include "support/fake_files_env.h"
 #include "support/image_env.h"
@@ -184,12 +185,10 @@ std::vector<std::byte> AroundMft(const char* file, std::uint8_t sectors_per_clus
                                  const std::vector<std::uint8_t>& runs) {
   auto mft = test::ReadFileBytes(test::SharedImage(file));
   for (std::size_t i = 0; i < 16; ++i) mft[0x140 + i] = std::byte{i < runs.size() ? runs[i] : std::uint8_t{0}};
-  std::vector<std::byte> image(4 * sectors_per_cluster * 512);
-  test::PutText(image, 3, "NTFS    ");
-  test::Put16(image, 0x0B, 512);
-  image[0x0D] = std::byte{sectors_per_cluster};
-  test::Put64(image, 0x30, 4);
-  image[0x40] = std::byte{0xF6};  // 1024-byte records
+  std::vector<std::byte> image = test::DiskImage(4 * sectors_per_cluster)
+                                     .Boot(0, boot::kNtfsOemId, sectors_per_cluster, 4)
+                                     .Put(boot::kClustersPerFileRecord, 0xF6, 1)  // 1024-byte records
+                                     .bytes();
   image.insert(image.end(), mft.begin(), mft.end());
   image.resize(image.size() + sectors_per_cluster * 512);
   return image;

@@ -6,7 +6,6 @@
 #include "mft/attribute.h"
 #include "base/ntfs_layout.h"
 #include "mft/record_fixture.h"
-#include "support/temp_disk.h"
 #include "support/trace_capture.h"
 
 namespace koru {
@@ -64,11 +63,6 @@ TEST(DataRuns, RunListsBecomeVolumeRelativeSectorRanges) {
     EXPECT_EQ(Decode(c.runs, c.spc, &end), c.expected);
     EXPECT_EQ(end, c.end);
   }
-  // Negative offsets are traced as magnitudes: +0x10, then a 3-byte FFFFF8, 8 back.
-  test::TraceCapture trace;
-  EXPECT_EQ(Decode({0x11, 0x02, 0x10, 0x31, 0x01, 0xF8, 0xFF, 0xFF, 0x00}, 4),
-            (SectorRanges{{0x40, 0x48}, {0x20, 0x24}}));
-  EXPECT_TRUE(trace.Contains(L"Attribute::ProcessDataRun : abs_offset = 8"));
 }
 
 TEST(DataRuns, GetSectorRangeReadsTheRunListWithinTheAttributeAndRefusesOthers) {

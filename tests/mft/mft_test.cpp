@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 
 #include "mft/record_fixture.h"
@@ -36,20 +35,8 @@ std::vector<std::byte> DiskWithRecord(std::uint64_t sector, std::uint32_t sector
   return disk;
 }
 
-// The disk stands in for the volume hint: the images here have no lettered volume.
-platform::HANDLE OpenDisk() {
-  return platform::Env::Default().CreateFileW(L"\\\\.\\PhysicalDrive0", platform::kGenericRead, 0,
-                                              platform::kOpenExisting, 0);
-}
-
-MFT Reader(std::uint32_t sector_size, bool hint = true) {
-  MFT mft;
-  std::wcscpy(mft.m_wszPhysicalDrive, L"\\\\.\\PhysicalDrive0");
-  mft.m_wcDriveLetter = L'C';
-  mft.m_dwBytesPerSector = sector_size;
-  if (hint) mft.m_hVolumeHint = OpenDisk();
-  return mft;
-}
+using test::DiskReader;
+using test::OpenDisk;
 
 std::uint16_t Word(const RecordBuffer& r, std::size_t at) { return le16Or0(Bytes(r), at); }
 
@@ -72,7 +59,7 @@ TEST(MftReadRecord, FixUpsApplyOnlyForSizeThreeWithBothSectorEndsMatching) {
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.sector_size << " " << c.usa_count << " " << c.end1 << " " << c.end2);
     test::TempDisk disk(DiskWithRecord(3, c.sector_size, c.usa_count, c.end1, c.end2), c.sector_size);
-    MFT mft = Reader(c.sector_size);
+    MFT mft = DiskReader(c.sector_size);
     test::TraceCapture trace;
     RecordBuffer record{};
     ASSERT_TRUE(mft.ReadMftRecord(3, record));
@@ -96,7 +83,7 @@ TEST(MftReadRecord, RealRecordsAreFixedUpOnlyWhenBothSectorEndsMatch) {
     image.insert(image.end(), bytes.begin(), bytes.end());
     image.resize((image.size() / sector_size + 1) * sector_size);
     test::TempDisk disk(image, sector_size);
-    MFT mft = Reader(sector_size);
+    MFT mft = DiskReader(sector_size);
     EXPECT_TRUE(mft.ReadMftRecord(2, record));
     mft.CloseHandles();
     return bytes;
@@ -119,7 +106,7 @@ TEST(MftReadRecord, ReusesItsHandlesAndOpensTheVolumeHintFirst) {
   test::TempDisk disk(DiskWithRecord(2, 512, 3), 512);
   test::FaultEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
-  MFT mft = Reader(512, false);
+  MFT mft = DiskReader(512, 0, false);
   RecordBuffer record{};
   // No volume C: on a disk without a partition table of NTFS: the hint cannot open.
   test::TraceCapture trace;
@@ -138,39 +125,6 @@ TEST(MftReadRecord, ReusesItsHandlesAndOpensTheVolumeHintFirst) {
   mft.CloseHandles();
 }
 
-// Each fault hits one call only, so the same reader reads fine afterwards.
-TEST(MftReadRecord, EveryReadFailureReturnsFalseWithItsTrace) {
-  test::TempDisk disk(DiskWithRecord(2, 512, 3), 512);
-  test::FaultEnv env(platform::Env::Default());
-  platform::ScopedEnv scoped(env);
-  const struct {
-    std::function<void()> inject;
-    std::vector<std::wstring> traces;
-  } cases[] = {
-      {[&] { env.FailCall(Call::CreateFileW, platform::kErrorAccessDenied); },
-       {L"[E]: MFT::ReadMftRecord : ... ending(CreateFie() failed) : dwLastError = 5",
-        L"[E]: MFT::ReadMftRecord : m_wszPhysicalDrive = \"\\\\.\\PhysicalDrive0\""}},
-      {[&] { env.FailCall(Call::SetFilePointerEx, platform::kErrorSeek); },
-       {L"[E]: MFT::ReadMftRecord : ... ending(SetFilePointerEx() failed) : dwLastError = 25"}},
-      {[&] { env.SeekOff(-1); },
-       {L"[E]: MFT::ReadMftRecord : ... ending(SetFilePointerEx() failed to seek to requested offset)"}},
-      {[&] { env.FailCall(Call::ReadFile, platform::kErrorReadFault); },
-       {L"[E]: MFT::ReadMftRecord : ... ending(ReadFile() failed)", L"[E]: MFT::ReadMftRecord : dwLastError = 30"}},
-      {[&] { env.ShortRead(1023); }, {L"[E]: MFT::ReadMftRecord : ... ending(Didn't read the whole MFT record)"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.traces[0]);
-    MFT mft = Reader(512);
-    c.inject();
-    test::TraceCapture trace;
-    RecordBuffer record{};
-    EXPECT_FALSE(mft.ReadMftRecord(2, record));
-    for (const auto& t : c.traces) EXPECT_TRUE(trace.Has(t)) << testing::Message() << t;
-    EXPECT_TRUE(mft.ReadMftRecord(2, record));
-    mft.CloseHandles();
-  }
-}
-
 // GetMftRanges on a disk whose record 0 sits at sector 16 of a volume said to start
 // at 2048: on success the pairs come out shifted by the volume start.
 class MftRanges : public ::testing::Test {
@@ -180,7 +134,7 @@ class MftRanges : public ::testing::Test {
     std::vector<std::byte> image(16 * 512);
     image.insert(image.end(), record.begin(), record.end());
     test::TempDisk disk(image, 512);
-    MFT mft = Reader(512);
+    MFT mft = DiskReader(512);
     mft.m_dwSectorsPerCluster = 8;
     mft.m_uiVolumeStartSector = 2048;
     mft.m_uiMftSector = 16;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 #include <sstream>
 
@@ -14,6 +13,7 @@
 namespace koru {
 namespace {
 
+using test::Fields;
 using test::Put16;
 using test::Put32;
 using test::RecordFixture;
@@ -43,23 +43,16 @@ TEST(RecordDump, HeaderFieldsAsTheyLieOnTheDisk) {
   Put32(b, layout::kRecNumber, 42);
   Put16(b, layout::kRecSectorEnd1, 0xABCD);
   EXPECT_EQ(Dump(r.OnDisk(0x1234)),
-            L"\n" + std::wstring(140, L'=') +
-                L"\n"
-                L"Absolute Sectors                 : 7 & 8\n"
-                L"Record Signature                 : [FILE]\n"
-                L"Offset to update sequence array  : 48\n"
-                L"Size of update sequence array    : 3\n"
-                L"Sequence Number                  : 5\n"
-                L"Hard-link count                  : 2\n"
-                L"Offset to first attribute        : 56\n"
-                L"Flags                            : Record Segment In-Use File Name Index Present\n"
-                L"Actual size of MFT entry         : 400\n"
-                L"Allocated size of MFT entry      : 1024\n"
-                L"Base File Record Segment         : Seq=3, Hi=1, Lo=70000\n"
-                L"Next Attribute Id                : 6\n"
-                L"MFT Record Number                : 42\n"
-                L"Update Sequence Number           : 4660\n"
-                L"Update Sequence Array            : 0x34 0x12 0xcd\n");
+            L"\n" + std::wstring(140, L'=') + L"\n" +
+                Fields({{L"Absolute Sectors", L"7 & 8"}, {L"Record Signature", L"[FILE]"},
+                        {L"Offset to update sequence array", L"48"}, {L"Size of update sequence array", L"3"},
+                        {L"Sequence Number", L"5"}, {L"Hard-link count", L"2"}, {L"Offset to first attribute", L"56"},
+                        {L"Flags", L"Record Segment In-Use File Name Index Present"},
+                        {L"Actual size of MFT entry", L"400"}, {L"Allocated size of MFT entry", L"1024"},
+                        {L"Base File Record Segment", L"Seq=3, Hi=1, Lo=70000"}, {L"Next Attribute Id", L"6"},
+                        {L"MFT Record Number", L"42"}, {L"Update Sequence Number", L"4660"},
+                        {L"Update Sequence Array", L"0x34 0x12 0xcd"}},
+                       33));
 }
 
 TEST(RecordDump, HeaderVariants) {
@@ -68,8 +61,6 @@ TEST(RecordDump, HeaderVariants) {
     std::function<void(std::vector<std::byte>&)> change;
     std::wstring line;
   } cases[] = {
-      {"BAAD", [](auto& b) { test::PutText(b, 0, "BAAD"); }, L"Record Signature                 : [BAAD]\n"},
-      {"free record", [](auto& b) { Put16(b, layout::kRecFlags, 0); }, L"Flags                            :\n"},
       {"every flag", [](auto& b) { Put16(b, layout::kRecFlags, 0xFFFF); },
        L"Flags                            : Record Segment In-Use File Name Index Present Record is an Extension "
        L"Special Index Present\n"},
@@ -105,19 +96,17 @@ TEST(RecordDump, RealRecords) {
     std::vector<std::wstring> lines;
   } cases[] = {
       {"records/rp.bin",
-       {L"MFT Record Number                : 106\n", L"File Name                           : [link.txt]\n",
-        L"Reparse Type                        : 0x0c Symbolic-Link\n"
-        L"Reparse Flags                       : Microsoft Name-Surrogate\n"
-        L"Reparse Data Length                 : 52\n"
-        L"Print Name                          : [target.txt]\n"
-        L"Substitute Name                     : [target.txt]\n"
-        L"Flags                               : 0x1\n"}},
+       {Fields({{L"MFT Record Number", L"106"}}, 33), Fields({{L"File Name", L"[link.txt]"}}),
+        Fields({{L"Reparse Type", L"0x0c Symbolic-Link"}, {L"Reparse Flags", L"Microsoft Name-Surrogate"},
+                {L"Reparse Data Length", L"52"}, {L"Print Name", L"[target.txt]"},
+                {L"Substitute Name", L"[target.txt]"}, {L"Flags", L"0x1"}})}},
       {"records/entry_super_long_name_001.bin",
-       {L"File Name Length (wchar_t)          : 228\n", L"_super_sup?r_super_", L"longname.txt]\n"}},
+       {Fields({{L"File Name Length (wchar_t)", L"228"}}), L"_super_sup?r_super_", L"longname.txt]\n"}},
       // Its first half ends in 0x0046 where the update sequence number is 24.
       {"records/entry_102130_fixup_issue.bin",
-       {L"Update Sequence Number           : 24\n", L"Reference To The Parent Directory   : 101990/7\n",
-        L"File Name                           : [Application?Data]\n", L"Name                                : [$I30]\n"}},
+       {Fields({{L"Update Sequence Number", L"24"}}, 33),
+        Fields({{L"Reference To The Parent Directory", L"101990/7"}}),
+        Fields({{L"File Name", L"[Application?Data]"}}), Fields({{L"Name", L"[$I30]"}})}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
@@ -179,20 +168,6 @@ TEST(RecordDump, HostileRecordsEndInsideTheBuffer) {
   }
 }
 
-// MFT::Read through an attached disk.
-MFT Reader(std::uint32_t sector_size, std::uint64_t sector) {
-  MFT mft;
-  std::wcscpy(mft.m_wszPhysicalDrive, L"\\\\.\\PhysicalDrive0");
-  mft.m_wcDriveLetter = L'C';
-  mft.m_dwBytesPerSector = sector_size;
-  mft.m_dwSectorsPerCluster = 8;
-  mft.m_uiMftSector = sector;
-  // The disk stands in for the volume hint: the images here have no lettered volume.
-  mft.m_hVolumeHint = platform::Env::Default().CreateFileW(mft.m_wszPhysicalDrive, platform::kGenericRead, 0,
-                                                            platform::kOpenExisting, 0);
-  return mft;
-}
-
 // A record whose resident value covers the first sector's end, at sector 3.
 std::vector<std::byte> RecordOnDisk() {
   RecordFixture r;
@@ -210,7 +185,7 @@ TEST(MftRead, DumpsTheRecordUnpatched) {
     image.insert(image.end(), record.begin(), record.end());
     image.resize(5 * sector_size);
     test::TempDisk disk(image, sector_size);
-    MFT mft = Reader(sector_size, 3);
+    MFT mft = test::DiskReader(sector_size, 3);
     std::wostringstream os;
     ASSERT_TRUE(mft.Read(os));
     mft.CloseHandles();
@@ -220,39 +195,47 @@ TEST(MftRead, DumpsTheRecordUnpatched) {
   }
 }
 
-TEST(MftRead, EveryReadFailureWritesNothingAndTracesItsEnding) {
+// Both readers of a record, each with its own endings, fail on every fault.
+TEST(MftRead, EveryReadFailureOfEitherReaderWritesNothingAndTracesItsEnding) {
   std::vector<std::byte> image(2 * 512);
   const auto record = RecordOnDisk();
   image.insert(image.end(), record.begin(), record.end());
   test::TempDisk disk(image, 512);
   test::FaultEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
+  const std::wstring seek = L"SetFilePointerEx() failed) : dwLastError = 25",
+                     elsewhere = L"SetFilePointerEx() failed to seek to requested offset)",
+                     hint = L"SetVolumeHintHandle() failed)", whole = L"Didn't read the whole MFT record)";
   const struct {
     std::function<void(MFT&)> inject;
-    const wchar_t* trace;
+    std::wstring read, record, record_detail;  // Read's ending, ReadMftRecord's, and its other line
   } cases[] = {
-      {[](MFT& m) { m.CloseHandles(); }, L"[E]: MFT::Read : ... ending(SetVolumeHintHandle() failed)"},
+      {[](MFT& m) { m.CloseHandles(); }, hint, hint, L""},
       {[&](MFT&) { env.FailCall(test::Call::CreateFileW, platform::kErrorAccessDenied); },
-       L"[E]: MFT::Read : ... ending(CreateFile() failed) : dwLastError = 5"},
-      {[&](MFT&) { env.FailCall(test::Call::SetFilePointerEx, platform::kErrorSeek); },
-       L"[E]: MFT::Read : ... ending(SetFilePointerEx() failed) : dwLastError = 25"},
-      {[&](MFT&) { env.SeekOff(-1); },
-       L"[E]: MFT::Read : ... ending(SetFilePointerEx() failed to seek to requested offset)"},
+       L"CreateFile() failed) : dwLastError = 5", L"CreateFie() failed) : dwLastError = 5",
+       L"m_wszPhysicalDrive = \"\\\\.\\PhysicalDrive0\""},
+      {[&](MFT&) { env.FailCall(test::Call::SetFilePointerEx, platform::kErrorSeek); }, seek, seek, L""},
+      {[&](MFT&) { env.SeekOff(-1); }, elsewhere, elsewhere, L""},
       {[&](MFT&) { env.FailCall(test::Call::ReadFile, platform::kErrorReadFault); },
-       L"[E]: MFT::Read : ... ending(ReadFile() failed) : dwLastError = 30"},
-      {[&](MFT&) { env.ShortRead(1023); }, L"[E]: MFT::Read : ... ending(Didn't read the whole MFT record)"},
-      {[](MFT& m) { m.m_uiMftSector = 5; }, L"[E]: MFT::Read : ... ending(Didn't read the whole MFT record)"},
+       L"ReadFile() failed) : dwLastError = 30", L"ReadFile() failed)", L"dwLastError = 30"},
+      {[&](MFT&) { env.ShortRead(1023); }, whole, whole, L""},
+      {[](MFT& m) { m.m_uiMftSector = 5; }, whole, whole, L""},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(c.trace)));
-    MFT mft = Reader(512, 2);
-    c.inject(mft);
-    test::TraceCapture trace;
-    std::wostringstream os;
-    EXPECT_FALSE(mft.Read(os));
-    EXPECT_EQ(os.str(), L"");
-    EXPECT_TRUE(trace.Has(c.trace));
-    mft.CloseHandles();
+    for (const bool dump : {true, false}) {
+      SCOPED_TRACE(testing::PrintToString((dump ? L"Read: " : L"ReadMftRecord: ") + c.read));
+      MFT mft = test::DiskReader(512, 2);
+      c.inject(mft);
+      test::TraceCapture trace;
+      std::wostringstream os;
+      RecordBuffer bytes{};
+      EXPECT_FALSE(dump ? mft.Read(os) : mft.ReadMftRecord(mft.m_uiMftSector, bytes));
+      EXPECT_EQ(os.str(), L"");
+      const std::wstring fn = dump ? L"[E]: MFT::Read : " : L"[E]: MFT::ReadMftRecord : ";
+      EXPECT_TRUE(trace.Has(fn + L"... ending(" + (dump ? c.read : c.record)));
+      EXPECT_TRUE(dump || c.record_detail.empty() || trace.Has(fn + c.record_detail));
+      mft.CloseHandles();
+    }
   }
 }
 

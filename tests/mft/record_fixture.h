@@ -6,13 +6,16 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/ntfs_layout.h"
 #include "mft/attribute.h"
+#include "mft/mft.h"
 #include "support/temp_disk.h"
 
 namespace koru::test {
@@ -27,15 +30,8 @@ class RecordFixture {
   }
 
   // A resident attribute with a value of `value_length` zero bytes.
-  RecordFixture& Resident(std::uint32_t type, std::uint32_t value_length = 8) {
-    const std::uint32_t length = Align8(layout::kResidentHeaderSize + value_length);
-    last_ = next_;
-    Put32(bytes_, next_ + layout::kAttrType, type);
-    Put32(bytes_, next_ + layout::kAttrLength, length);
-    Put32(bytes_, next_ + layout::kAttrValueLength, value_length);
-    Put16(bytes_, next_ + layout::kAttrValueOffset, layout::kResidentHeaderSize);
-    next_ += length;
-    return *this;
+  RecordFixture& Resident(std::uint32_t type, std::size_t value_length = 8) {
+    return Resident(type, std::vector<std::byte>(value_length));
   }
 
   // A resident attribute holding `value`, named `name`, with attribute id `id`.
@@ -121,6 +117,23 @@ struct Value {
   std::vector<std::byte> bytes;
 };
 
+// A reader of \\.\PhysicalDrive0 as drive C:, 8 sectors to a cluster; the disk stands
+// in for the volume hint, as the images here have no lettered volume.
+inline platform::HANDLE OpenDisk() {
+  return platform::Env::Default().CreateFileW(L"\\\\.\\PhysicalDrive0", platform::kGenericRead, 0,
+                                              platform::kOpenExisting, 0);
+}
+inline MFT DiskReader(std::uint32_t sector_size, std::uint64_t mft_sector = 0, bool hint = true) {
+  MFT mft;
+  mft.SetPhysicalDrive(0);
+  mft.m_wcDriveLetter = L'C';
+  mft.m_dwBytesPerSector = sector_size;
+  mft.m_dwSectorsPerCluster = 8;
+  mft.m_uiMftSector = mft_sector;
+  if (hint) mft.m_hVolumeHint = OpenDisk();
+  return mft;
+}
+
 // The dump of the attribute added last, given the rest of the record as the record
 // dump hands it over.
 inline std::wstring DumpLast(RecordFixture& r) {
@@ -129,6 +142,19 @@ inline std::wstring DumpLast(RecordFixture& r) {
   const auto attribute = Attribute::Factory(header, 8);
   if (attribute) attribute->Dump(os, header);
   return os.str();
+}
+
+// Dump lines "label: value", the labels padded to the dump's column; an empty value
+// leaves the colon last.
+using Field = std::pair<const wchar_t*, std::wstring>;
+inline std::wstring Fields(std::initializer_list<Field> fields, std::size_t width = 36) {
+  std::wstring out;
+  for (const auto& [label, value] : fields) {
+    std::wstring line = label;
+    line.resize(width, L' ');
+    out += line + (value.empty() ? L":" : L": " + value) + L"\n";
+  }
+  return out;
 }
 
 // What a resident attribute's dump writes after its common block.

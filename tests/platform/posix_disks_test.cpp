@@ -5,9 +5,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -15,6 +12,7 @@
 #include "disk/volume.h"
 #include "koru_mft/tool.h"
 #include "support/disk_image.h"
+#include "support/temp_dir.h"
 
 namespace platform {
 namespace {
@@ -22,24 +20,15 @@ namespace {
 using koru::test::DiskImage;
 using Image = std::vector<std::byte>;
 
-// Writes images, attaches them in order and forgets them again afterwards.
-class Disks {
+// Images written to a directory of the test's own, and no disk attached before or after.
+class Disks : public koru::test::TempDir {
  public:
   Disks() { posix::ResetDisks(); }
-  ~Disks() {
-    posix::ResetDisks();
-    std::error_code ec;
-    for (const auto& path : paths_) std::filesystem::remove(path, ec);
-  }
+  ~Disks() { posix::ResetDisks(); }
   std::string Write(const Image& bytes) {
-    static std::atomic<int> counter{0};
-    std::filesystem::create_directories(KORU_TEST_TMP);
-    const std::string path =
-        std::string(KORU_TEST_TMP) + "/posix-disk-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                                 static_cast<std::streamsize>(bytes.size()));
-    paths_.push_back(path);
-    return path;
+    const std::string name = "disk" + std::to_string(count_++);
+    TempDir::Write(name, std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+    return (*this / name).string();
   }
   void Attach(const Image& bytes) {
     std::string error;
@@ -47,7 +36,7 @@ class Disks {
   }
 
  private:
-  std::vector<std::string> paths_;
+  int count_ = 0;
 };
 
 TEST(PosixDisks, RefusedArgumentsSayWhyWithoutRepeatingThemselves) {

@@ -65,28 +65,42 @@ std::string Segment(unsigned number, const char* ending = "done") {
   return out + section;
 }
 
-TEST(PosixImage, EnCaseSetsAreFoundWholeOrRefusedNamingTheFileAtFault) {
+// EnCase segments and split raw parts: a set is found whole from its first file, or
+// refused naming the file at fault.
+TEST(PosixImage, SetsAreFoundWholeOrRefusedNamingTheFileAtFault) {
+  const std::string part(1024, 'x');
   const struct {
     const char* what;
     std::vector<std::pair<std::string, std::string>> files;  // the first is attached
-    std::size_t segments;                                     // 0: refused
-    std::string reason;                                       // @ stands for the folder
+    ImageFormat format;
+    std::size_t count;   // 0: refused
+    std::string reason;  // @ stands for the folder
   } cases[] = {
-      {"one segment", {{"d.E01", Segment(1)}}, 1, ""},
-      {"three", {{"d.E01", Segment(1, "next")}, {"d.E02", Segment(2, "next")}, {"d.E03", Segment(3)}}, 3, ""},
-      {"lower case", {{"d.e01", Segment(1, "next")}, {"d.e02", Segment(2)}}, 2, ""},
-      {"a gap", {{"d.E01", Segment(1, "next")}, {"d.E03", Segment(3)}}, 0,
+      {"one segment", {{"d.E01", Segment(1)}}, ImageFormat::kE01, 1, ""},
+      {"three", {{"d.E01", Segment(1, "next")}, {"d.E02", Segment(2, "next")}, {"d.E03", Segment(3)}},
+       ImageFormat::kE01, 3, ""},
+      {"lower case", {{"d.e01", Segment(1, "next")}, {"d.e02", Segment(2)}}, ImageFormat::kE01, 2, ""},
+      {"a gap", {{"d.E01", Segment(1, "next")}, {"d.E03", Segment(3)}}, ImageFormat::kE01, 0,
        "segment @/d.E02 of the EnCase set is missing"},
-      {"the last missing", {{"d.E01", Segment(1, "next")}}, 0, "segment @/d.E02 of the EnCase set is missing"},
-      {"a later segment attached", {{"d.E02", Segment(2)}, {"d.E01", Segment(1, "next")}}, 0,
+      {"the last missing", {{"d.E01", Segment(1, "next")}}, ImageFormat::kE01, 0,
+       "segment @/d.E02 of the EnCase set is missing"},
+      {"a later segment attached", {{"d.E02", Segment(2)}, {"d.E01", Segment(1, "next")}}, ImageFormat::kE01, 0,
        "it is segment 2 of an EnCase set: attach the set by its first segment, @/d.E01"},
-      {"a segment of another number", {{"d.E01", Segment(1, "next")}, {"d.E02", Segment(3)}}, 0,
+      {"a segment of another number", {{"d.E01", Segment(1, "next")}, {"d.E02", Segment(3)}}, ImageFormat::kE01, 0,
        "@/d.E02 is not segment 2 of the EnCase set"},
-      {"cut short", {{"d.E01", Segment(1).substr(0, 330)}}, 0,
+      {"cut short", {{"d.E01", Segment(1).substr(0, 330)}}, ImageFormat::kE01, 0,
        "segment @/d.E01 is damaged or cut short: it does not end in an EWF \"done\" or \"next\" section"},
-      {"a name without a number", {{"disk.img", Segment(1, "next")}}, 0,
+      {"a name without a number", {{"disk.img", Segment(1, "next")}}, ImageFormat::kE01, 0,
        "the EnCase set goes on after @/disk.img, but its further segments are found only by the names NAME.E02, "
        "NAME.E03, ... of a first segment NAME.E01"},
+      {"three parts", {{"d.001", part}, {"d.002", part}, {"d.003", part}, {"d.0004", part}, {"e.004", part}},
+       ImageFormat::kSplitRaw, 3, ""},
+      {"a part alone", {{"d.001", part}}, ImageFormat::kRaw, 1, ""},
+      {"a later part alone", {{"d.002", part}}, ImageFormat::kRaw, 1, ""},
+      {"a part missing", {{"d.001", part}, {"d.002", part}, {"d.004", part}}, ImageFormat::kRaw, 0,
+       "part @/d.003 of the split raw set is missing (d.004 is there)"},
+      {"a later part", {{"d.002", part}, {"d.001", part}}, ImageFormat::kRaw, 0,
+       "it is part 2 of a split raw set: attach the set by its first part, @/d.001"},
   };
   for (const auto& c : cases) {
     koru::test::TempDir dir;
@@ -96,9 +110,9 @@ TEST(PosixImage, EnCaseSetsAreFoundWholeOrRefusedNamingTheFileAtFault) {
     const bool found = IdentifyImage((dir / c.files[0].first).string(), &kind, &error);
     std::string reason = c.reason;
     if (const auto at = reason.find('@'); at != std::string::npos) reason.replace(at, 1, dir.path().string());
-    EXPECT_EQ(found, c.segments != 0) << c.what;
     EXPECT_EQ(error, reason) << c.what;
-    EXPECT_EQ(found ? kind.files.size() : 0, c.segments) << c.what;
+    EXPECT_EQ(found ? kind.files.size() : 0, c.count) << c.what;
+    EXPECT_TRUE(!found || kind.format == c.format) << c.what;
   }
 }
 
@@ -113,39 +127,6 @@ TEST(PosixImage, EnCaseSegmentsPastE99AreNamedEAAOn) {
   ASSERT_TRUE(IdentifyImage((dir / "d.E01").string(), &kind, &error)) << error;
   ASSERT_EQ(kind.files.size(), 101u);
   EXPECT_EQ(kind.files.back(), (dir / "d.EAB").string());
-}
-
-TEST(PosixImage, SplitRawPartsAreOneDiskFromTheFirstPart) {
-  const struct {
-    const char* what;
-    std::vector<std::string> names;  // the first is attached
-    ImageFormat format;
-    std::size_t parts;
-    std::string reason;
-  } cases[] = {
-      {"three parts", {"d.001", "d.002", "d.003", "d.0004", "e.004"}, ImageFormat::kSplitRaw, 3, ""},
-      {"a part alone", {"d.001"}, ImageFormat::kRaw, 1, ""},
-      {"a gap", {"d.001", "d.002", "d.004"}, ImageFormat::kRaw, 0,
-       "part @/d.003 of the split raw set is missing (d.004 is there)"},
-      {"a later part", {"d.002", "d.001"}, ImageFormat::kRaw, 0,
-       "it is part 2 of a split raw set: attach the set by its first part, @/d.001"},
-      {"a later part alone", {"d.002"}, ImageFormat::kRaw, 1, ""},
-  };
-  for (const auto& c : cases) {
-    koru::test::TempDir dir;
-    for (const auto& name : c.names) dir.Write(name, std::string(1024, 'x'));
-    ImageKind kind;
-    std::string error;
-    const bool found = IdentifyImage((dir / c.names[0]).string(), &kind, &error);
-    std::string reason = c.reason;
-    if (const auto at = reason.find('@'); at != std::string::npos) reason.replace(at, 1, dir.path().string());
-    EXPECT_EQ(error, reason) << c.what;
-    EXPECT_EQ(found, c.parts != 0) << c.what;
-    EXPECT_EQ(found ? kind.files.size() : 0, c.parts) << c.what;
-    if (found) {
-      EXPECT_EQ(kind.format, c.format) << c.what;
-    }
-  }
 }
 
 // A disk whose one MBR partition holds an NTFS volume whose $MFT is 0x40 clusters.

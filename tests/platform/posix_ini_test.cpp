@@ -65,24 +65,17 @@ TEST_F(PosixIni, ReadingStringsAndIntegers) {
     EXPECT_EQ(env_.GetPrivateProfileIntW(section, key, 5, in.c_str()), expected) << section << "/" << key;
 }
 
-TEST_F(PosixIni, WritingCreatesFileSectionAndKeyButNoDirectory) {
-  const std::wstring file = dir_.win("new.ini");
-  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"KORU_MFT.DLL", L"Version", L"1.0.0.0", file.c_str()));
-  EXPECT_EQ(dir_.Read("new.ini"), "[KORU_MFT.DLL]\r\nVersion=1.0.0.0\r\n");
-  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"Other", L"Version", L"2", file.c_str()));
-  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"koru_mft.dll", L"Built", L"today", file.c_str()));
-  EXPECT_EQ(dir_.Read("new.ini"), "[KORU_MFT.DLL]\r\nVersion=1.0.0.0\r\nBuilt=today\r\n[Other]\r\nVersion=2\r\n");
-  EXPECT_FALSE(env_.WritePrivateProfileStringW(L"A", L"k", L"v", dir_.win("no/such/dir.ini").c_str()));
-}
-
-TEST_F(PosixIni, WritingReplacesTheKeyAndKeepsTheRest) {
+TEST_F(PosixIni, WritingReplacesOrAddsTheKeyKeepsTheRestAndMakesNoDirectory) {
   dir_.Write("keep.ini", "; comment\r\n[A]\r\nx=1\r\nVERSION=old\r\ny=2\r\n\r\n[B]\r\nz=3\r\n");
-  const std::wstring file = dir_.win("keep.ini");
+  const std::wstring file = dir_.win("keep.ini"), created = dir_.win("new.ini");
   ASSERT_TRUE(env_.WritePrivateProfileStringW(L"a", L"Version", L"new", file.c_str()));
-  EXPECT_EQ(dir_.Read("keep.ini"), "; comment\r\n[A]\r\nx=1\r\nVersion=new\r\ny=2\r\n\r\n[B]\r\nz=3\r\n");
   ASSERT_TRUE(env_.WritePrivateProfileStringW(L"A", L"added", L"4", file.c_str()));
-  EXPECT_EQ(dir_.Read("keep.ini"), "; comment\r\n[A]\r\nx=1\r\nVersion=new\r\ny=2\r\nadded=4\r\n\r\n[B]\r\nz=3\r\n");
-  EXPECT_EQ(Get(L"b", L"Z", L"", file), L"3");
+  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"C", L"k", L"v", file.c_str()));
+  EXPECT_EQ(dir_.Read("keep.ini"),
+            "; comment\r\n[A]\r\nx=1\r\nVersion=new\r\ny=2\r\nadded=4\r\n\r\n[B]\r\nz=3\r\n[C]\r\nk=v\r\n");
+  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"KORU_MFT.DLL", L"Version", L"1.0.0.0", created.c_str()));
+  EXPECT_EQ(dir_.Read("new.ini"), "[KORU_MFT.DLL]\r\nVersion=1.0.0.0\r\n");
+  EXPECT_FALSE(env_.WritePrivateProfileStringW(L"A", L"k", L"v", dir_.win("no/such/dir.ini").c_str()));
 }
 
 }  // namespace

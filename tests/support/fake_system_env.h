@@ -1,18 +1,14 @@
-// FakeSystemEnv: a Windows system as the classification, registry, privilege and
-// module-identity code sees it, made of tables a test fills. Files, INI profiles and
-// everything else go to the wrapped Env (the real one by default), so a prodspec.ini,
-// a kor.ini or a log written to a temporary directory are real files. Wrap it in a
-// FaultEnv to make chosen calls fail on top of it. Not thread-safe: the tables are
-// touched only from the test's own thread.
+// FakeSystemEnv: a Windows system as the classification, registry and
+// module-identity code sees it, made of tables a test fills. Everything else goes to
+// the wrapped Env (the real one by default), so INI files and logs are real files.
+// Not thread-safe: the tables are touched only from the test's own thread.
 #pragma once
 
 #include <algorithm>
 #include <cstring>
 #include <cwctype>
-#include <iterator>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,63 +25,45 @@ class FakeSystemEnv : public FaultEnv {
 
   explicit FakeSystemEnv(platform::Env& inner = platform::Env::Default()) : FaultEnv(inner) {}
 
-  // --- system information
-  std::optional<platform::OsVersionInfo> version;  // none: GetVersionExW fails
-  std::optional<DWORD> product_info;               // none: GetProductInfo is not exported
-  std::wstring system_dir;                         // empty: GetSystemDirectoryW fails
-  bool wow64 = false;                              // GetSystemWow64DirectoryW answers
+  // --- system information; none or empty: the call fails
+  std::optional<platform::OsVersionInfo> version;
+  std::wstring system_dir;
   void SetVersion(DWORD major, DWORD minor, std::uint8_t product_type) {
-    platform::OsVersionInfo info{};
-    info.dwMajorVersion = major;
-    info.dwMinorVersion = minor;
-    info.dwPlatformId = 2;
-    info.wProductType = product_type;
-    version = info;
+    version = platform::OsVersionInfo{};
+    version->dwMajorVersion = major;
+    version->dwMinorVersion = minor;
+    version->dwPlatformId = 2;
+    version->wProductType = product_type;
   }
 
   // --- registry below HKEY_LOCAL_MACHINE; key paths compare without regard to case
   void AddKey(const std::wstring& key) { keys_[Fold(key)]; }
   void SetValue(const std::wstring& key, const std::wstring& name, DWORD type, std::vector<unsigned char> data) {
-    keys_[Fold(key)][Fold(name)] = Value{type, std::move(data)};
+    keys_[Fold(key)][Fold(name)] = {type, std::move(data)};
   }
   void SetString(const std::wstring& key, const std::wstring& name, const std::wstring& text) {
     std::vector<unsigned char> data((text.size() + 1) * sizeof(wchar_t), 0);
     std::memcpy(data.data(), text.c_str(), text.size() * sizeof(wchar_t));
     SetValue(key, name, platform::kRegSz, std::move(data));
   }
-  struct Open {
-    std::wstring key;
-    DWORD sam;
-  };
-  std::vector<Open> opens;
+  std::vector<std::pair<std::wstring, DWORD>> opens;  // key, access
   std::vector<std::wstring> unloads;
   std::map<HKEY, std::wstring> open_keys;  // handle -> folded key
-  LONG unload_result = 0;
 
-  // --- privileges of the process token; a privilege's LUID is its 1-based place in known_privileges
-  std::set<std::wstring> known_privileges{L"SeRestorePrivilege", L"SeBackupPrivilege"};
-  bool token_opens = true;
-  bool adjust_succeeds = true;
-  std::map<std::wstring, bool> enabled;
+  // --- the process token: every use is recorded and refused
   std::vector<DWORD> token_accesses;
-  std::set<std::uintptr_t> open_tokens;
 
-  // --- module identity
-  std::wstring exe_path;                 // GetModuleFileNameW(NULL); empty: the real one
-  bool library_loaded = true;            // GetModuleHandleW("KORU_MFT.DLL") finds it
+  // --- module identity; an empty exe_path is the real one
+  std::wstring exe_path;
+  bool library_loaded = true;  // GetModuleHandleW("KORU_MFT.DLL") finds it
   std::wstring library_path = L"Z:\\opt\\koru\\KORU_MFT.DLL";
-  std::optional<std::pair<std::uint16_t, std::uint16_t>> translation{{0x0409, 0x04B0}};
   std::map<std::wstring, std::wstring> version_strings;  // sub-block -> text
   std::vector<std::wstring> version_queries;
 
-  // --- network text, time and thread
-  bool inet_ntoa_fails = false;
+  // --- time and thread
   std::optional<platform::SystemTime> local_time;
   std::optional<DWORD> thread_id;
 
-  bool InetNtoa(DWORD network_order, char* buffer, std::size_t size) override {
-    return !inet_ntoa_fails && FaultEnv::InetNtoa(network_order, buffer, size);
-  }
   void GetLocalTime(platform::SystemTime* t) override {
     if (local_time) *t = *local_time; else FaultEnv::GetLocalTime(t);
   }
@@ -94,37 +72,31 @@ class FakeSystemEnv : public FaultEnv {
   platform::HMODULE GetModuleHandleW(const wchar_t* name) override {
     if (name == nullptr) return Module(1);
     if (library_loaded && Fold(name) == L"koru_mft.dll") return Module(2);
-    Fail(126);  // ERROR_MOD_NOT_FOUND
-    return nullptr;
+    return Fail(126), nullptr;  // ERROR_MOD_NOT_FOUND
   }
   DWORD GetModuleFileNameW(platform::HMODULE module, wchar_t* buffer, DWORD size) override {
     if (module == nullptr) module = Module(1);
     if (module == Module(1) && exe_path.empty()) return FaultEnv::GetModuleFileNameW(nullptr, buffer, size);
-    if (module == Module(1) || module == Module(2))
-      return Copy(module == Module(1) ? exe_path : library_path, buffer, size);
-    return Fail(126);
+    if (module != Module(1) && module != Module(2)) return Fail(126);
+    return Copy(module == Module(1) ? exe_path : library_path, buffer, size);
   }
   DWORD GetFileVersionInfoSizeW(const wchar_t* file) override {
-    const std::wstring name = Fold(file);
-    if (name != Fold(library_path) && name != Fold(exe_path)) return Fail(platform::kErrorResourceTypeNotFound);
+    if (Fold(file) != Fold(library_path) && Fold(file) != Fold(exe_path)) return Fail(platform::kErrorResourceTypeNotFound);
     return sizeof kBlockMark;
   }
   bool GetFileVersionInfoW(const wchar_t* file, DWORD size, void* data) override {
     if (GetFileVersionInfoSizeW(file) == 0) return false;
     if (size < sizeof kBlockMark) return Fail(platform::kErrorInsufficientBuffer);
-    std::memcpy(data, kBlockMark, sizeof kBlockMark);
-    return true;
+    return std::memcpy(data, kBlockMark, sizeof kBlockMark), true;
   }
   bool VerQueryValueW(const void* block, const wchar_t* sub, const void** value, UINT* length) override {
     // The block must be the one GetFileVersionInfoW filled.
     if (std::memcmp(block, kBlockMark, sizeof kBlockMark) != 0) return Fail(platform::kErrorResourceTypeNotFound);
     version_queries.push_back(sub);
     if (Fold(sub) == Fold(L"\\VarFileInfo\\Translation")) {
-      if (!translation) return Fail(platform::kErrorResourceTypeNotFound);
-      translation_words_[0] = translation->first;
-      translation_words_[1] = translation->second;
-      *value = translation_words_;
-      *length = sizeof translation_words_;
+      static const std::uint16_t kUsEnglishUnicode[2] = {0x0409, 0x04B0};
+      *value = kUsEnglishUnicode;
+      *length = sizeof kUsEnglishUnicode;
       return true;
     }
     for (const auto& [key, text] : version_strings) {
@@ -138,23 +110,13 @@ class FakeSystemEnv : public FaultEnv {
 
   bool GetVersionExW(platform::OsVersionInfo* info) override {
     if (!version) return Fail(platform::kErrorInvalidParameter);
-    *info = *version;
-    return true;
-  }
-  bool GetProductInfo(DWORD, DWORD, DWORD, DWORD, DWORD* type) override {
-    if (!product_info) return Fail(platform::kErrorProcNotFound);
-    *type = *product_info;
-    return true;
+    return *info = *version, true;
   }
   UINT GetSystemDirectoryW(wchar_t* buffer, UINT size) override {
     return system_dir.empty() ? Fail(platform::kErrorCallNotImplemented) : Copy(system_dir, buffer, size);
   }
-  UINT GetSystemWow64DirectoryW(wchar_t* buffer, UINT size) override {
-    return wow64 ? Copy(L"C:\\Windows\\SysWOW64", buffer, size) : Fail(platform::kErrorCallNotImplemented);
-  }
-
   LONG RegOpenKeyExW(HKEY root, const wchar_t* key, DWORD, DWORD sam, HKEY* out) override {
-    opens.push_back({key, sam});
+    opens.emplace_back(key, sam);
     *out = 0;
     if (root != platform::kHKeyLocalMachine) return platform::kErrorInvalidParameter;
     if (keys_.find(Fold(key)) == keys_.end()) return platform::kErrorFileNotFound;
@@ -168,68 +130,33 @@ class FakeSystemEnv : public FaultEnv {
     const auto& values = keys_[handle->second];
     auto it = values.find(Fold(name));
     if (it == values.end()) return platform::kErrorFileNotFound;
-    const auto needed = static_cast<DWORD>(it->second.data.size());
-    if (type) *type = it->second.type;
+    const auto needed = static_cast<DWORD>(it->second.second.size());
+    if (type) *type = it->second.first;
     const bool fits = data == nullptr || *size >= needed;
-    if (data != nullptr && fits) std::memcpy(data, it->second.data.data(), needed);
+    if (data != nullptr && fits) std::memcpy(data, it->second.second.data(), needed);
     *size = needed;
     return fits ? 0 : platform::kErrorMoreData;
   }
   LONG RegCloseKey(HKEY key) override { return open_keys.erase(key) == 1 ? 0 : platform::kErrorInvalidHandle; }
   LONG RegUnLoadKeyW(HKEY, const wchar_t* key) override {
     unloads.push_back(key);
-    return unload_result;
+    return 0;
   }
 
-  bool OpenProcessToken(DWORD access, platform::HANDLE* token) override {
+  bool OpenProcessToken(DWORD access, platform::HANDLE*) override {
     token_accesses.push_back(access);
-    if (!token_opens) return Fail(platform::kErrorAccessDenied);
-    open_tokens.insert(next_token_ += 4);
-    *token = reinterpret_cast<platform::HANDLE>(next_token_);
-    return true;
-  }
-  bool LookupPrivilegeValueW(const wchar_t* name, platform::Luid* luid) override {
-    auto it = known_privileges.find(name);
-    if (it == known_privileges.end()) return Fail(platform::kErrorNoSuchPrivilege);
-    luid->LowPart = static_cast<DWORD>(std::distance(known_privileges.begin(), it) + 1);
-    luid->HighPart = 0;
-    return true;
-  }
-  bool AdjustTokenPrivileges(platform::HANDLE token, const platform::TokenPrivileges* state, DWORD size,
-                             platform::TokenPrivileges* previous, DWORD* returned) override {
-    if (open_tokens.count(reinterpret_cast<std::uintptr_t>(token)) == 0) return Fail(platform::kErrorInvalidHandle);
-    if (!adjust_succeeds) return Fail(platform::kErrorAccessDenied);
-    if (previous != nullptr && size < sizeof *previous) return Fail(platform::kErrorInsufficientBuffer);
-    const DWORD index = state->PrivilegeLuid.LowPart;
-    if (index == 0 || index > known_privileges.size()) return Fail(platform::kErrorNoSuchPrivilege);
-    bool& on = enabled[*std::next(known_privileges.begin(), index - 1)];
-    if (previous) {
-      *previous = *state;
-      previous->Attributes = on ? platform::kSePrivilegeEnabled : 0;
-      *returned = sizeof *previous;
-    }
-    on = (state->Attributes & platform::kSePrivilegeEnabled) != 0;
-    return true;
-  }
-  bool CloseHandle(platform::HANDLE handle) override {
-    return open_tokens.erase(reinterpret_cast<std::uintptr_t>(handle)) == 1 || FaultEnv::CloseHandle(handle);
+    return Fail(platform::kErrorAccessDenied);
   }
 
  private:
-  struct Value {
-    DWORD type;
-    std::vector<unsigned char> data;
-  };
   static constexpr char kBlockMark[8] = {'F', 'A', 'K', 'E', 'V', 'E', 'R', 0};
   static platform::HMODULE Module(std::uintptr_t id) { return reinterpret_cast<platform::HMODULE>(id); }
   // Case folded, without a trailing backslash.
-  static std::wstring Fold(const wchar_t* text) {
-    std::wstring out = text;
-    for (auto& c : out) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
-    while (!out.empty() && out.back() == L'\\') out.pop_back();
-    return out;
+  static std::wstring Fold(std::wstring text) {
+    for (auto& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
+    while (!text.empty() && text.back() == L'\\') text.pop_back();
+    return text;
   }
-  static std::wstring Fold(const std::wstring& text) { return Fold(text.c_str()); }
   bool Fail(DWORD error) {
     SetLastError(error);
     return false;
@@ -244,10 +171,8 @@ class FakeSystemEnv : public FaultEnv {
     return short_buffer ? size : static_cast<UINT>(n);
   }
 
-  std::map<std::wstring, std::map<std::wstring, Value>> keys_;  // folded key -> folded name -> value
+  std::map<std::wstring, std::map<std::wstring, std::pair<DWORD, std::vector<unsigned char>>>> keys_;  // type, data
   HKEY next_key_ = 0x1000;
-  std::uintptr_t next_token_ = 0x7000;
-  std::uint16_t translation_words_[2] = {};
 };
 
 }  // namespace koru::test

@@ -1,9 +1,6 @@
 #include "support/temp_disk.h"
 
-#include <atomic>
-#include <chrono>
 #include <fstream>
-#include <random>
 #include <stdexcept>
 
 #include "koru_mft/tool.h"
@@ -21,21 +18,9 @@ struct TempDisk::Served {
   platform::ScopedEnv scope;
 };
 
-namespace {
-// Unique among concurrent test processes without asking the OS for a process id.
-std::string UniqueName() {
-  static std::atomic<int> counter{0};
-  static const auto stamp = std::to_string(std::random_device{}()) + "-" +
-                            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
-  return "disk-" + stamp + "-" + std::to_string(counter++) + ".img";
-}
-}  // namespace
-
 TempDisk::TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_size) {
-  std::filesystem::create_directories(KORU_TEST_TMP);
-  path_ = std::string(KORU_TEST_TMP) + "/" + UniqueName();
-  std::ofstream(path_, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                               static_cast<std::streamsize>(bytes.size()));
+  dir_.Write("disk.img", std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+  path_ = (dir_ / "disk.img").string();
 #if defined(_WIN32)
   served_ = std::make_unique<Served>(bytes, sector_size);
 #else
@@ -50,8 +35,6 @@ TempDisk::~TempDisk() {
 #if !defined(_WIN32)
   platform::posix::ResetDisks();
 #endif
-  std::error_code ec;
-  std::filesystem::remove(path_, ec);
 }
 
 void PutLe(std::vector<std::byte>& b, std::size_t at, std::uint64_t v, int bytes) {

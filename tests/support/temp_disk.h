@@ -6,10 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "support/temp_dir.h"
 
 namespace koru::test {
 
@@ -24,6 +25,7 @@ class TempDisk {
 
  private:
   struct Served;  // Windows: the ImageEnv and its scope
+  TempDir dir_;
   std::string path_;
   std::unique_ptr<Served> served_;
 };

@@ -1,6 +1,9 @@
 // main() of every test program: GoogleTest, with the process-wide trace log moved
-// first into a directory of this process's own (see TraceLog in trace_test.cpp).
-// The directory goes when all tests pass and stays, named, when one fails.
+// first into a directory of this process's own. CTest runs many processes of one
+// program at once; beside the program, one's start (keeping the old log as .old)
+// made another's append fail with a sharing violation under Windows, losing the
+// entry a test looked for. The directory goes when all tests pass and stays, named,
+// when one fails.
 #include <gtest/gtest.h>
 
 #include <filesystem>
