@@ -8,7 +8,6 @@
 #include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,10 +20,8 @@ namespace {
 struct LinkedFile {
   bool found = false;  // by the walk
   std::uint32_t links = 0;
-  std::vector<std::wstring> names;  // below the root of H:, backslashes
+  std::vector<std::wstring> names;  // \... below the root of H:
 };
-
-std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
 
 class WineDriveH : public ::testing::Test {
  protected:
@@ -36,15 +33,11 @@ class WineDriveH : public ::testing::Test {
     std::getline(std::ifstream(dir / "why-missing.txt"), why);
     if (!why.empty()) GTEST_SKIP() << "no linked files as H:: " << why;
     std::ifstream list(dir / "files.txt");
-    for (std::string line; std::getline(list, line);) {
-      std::istringstream fields(line);
-      std::string found, inode, links, name;
-      std::getline(fields, found, '\t'), std::getline(fields, inode, '\t'), std::getline(fields, links, '\t');
+    for (std::string found, links, names; list >> found >> links && std::getline(list, names);) {
       LinkedFile file{found == "found", static_cast<std::uint32_t>(std::stoul(links)), {}};
-      while (std::getline(fields, name, '\t')) {
-        std::wstring path = L"\\" + Wide(name);
-        for (auto& c : path) c = c == L'/' ? L'\\' : c;
-        file.names.push_back(path);
+      for (char c : names) {
+        if (c == '\t') file.names.emplace_back(L"\\");
+        else file.names.back() += c == '/' ? L'\\' : static_cast<wchar_t>(c);
       }
       files_.push_back(file);
     }
