@@ -7,7 +7,7 @@
 # that are no links. The MFT scan of the copy must list the same files by record
 # number, and a root that does not exist fails the walk.
 source "$(dirname "$0")/lib.sh"
-need mkntfs ntfs-3g fls istat sfdisk setfattr iconv
+need mkntfs ntfs-3g fls istat ifind sfdisk setfattr iconv python3
 [[ $(id -u) == 0 && -e /dev/fuse ]] || skip "needs root and FUSE to fill the volume"
 
 work=$(work_dir hlinfo-bitlocker)
