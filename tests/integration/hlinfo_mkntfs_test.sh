@@ -18,19 +18,8 @@ vol=$work/vol.img
 truncate -s 32M "$vol"
 mkntfs -F -q -Q "$vol" >/dev/null 2>&1 || fail "mkntfs"
 disk=$work/disk.img
-build_disk() {
-  truncate -s 0 "$disk" && truncate -s $((2048 * 512)) "$disk" && cat "$vol" >>"$disk" && truncate -s +1M "$disk"
-  echo "2048,$(($(stat -c %s "$vol") / 512)),7" | sfdisk -q --wipe never "$disk" >/dev/null 2>&1 || fail "sfdisk"
-}
-# Runs $@ in the mounted volume (a failing step fails the test).
-fill() {
-  ntfs-3g "$vol" "$work/mnt" || skip "ntfs-3g cannot mount here"
-  (cd "$work/mnt"; "$@")
-  # A FUSE volume may still be busy for a moment after the last write.
-  for try in 1 2 3 4 5; do umount "$work/mnt" 2>/dev/null && break; sleep 1; done
-  mountpoint -q "$work/mnt" && fail "cannot unmount the volume"
-  return 0
-}
+build_disk() { mbr_disk "$vol" "$disk"; }
+fill() { ntfs3g_fill "$vol" "$work/mnt" "$@"; }
 
 # Nothing when there is nothing: a fresh volume has no file with two names.
 build_disk

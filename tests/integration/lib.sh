@@ -176,6 +176,31 @@ same_ranges() {
 }
 
 # --- the hard-link info file
+# Runs $3... in volume image $1 mounted by ntfs-3g at $2 (a failing step fails the
+# test), then unmounts it.
+ntfs3g_fill() {
+  local vol=$1 mnt=$2
+  shift 2
+  ntfs-3g "$vol" "$mnt" || skip "ntfs-3g cannot mount here"
+  (cd "$mnt"; "$@")
+  # A FUSE volume may still be busy for a moment after the last write.
+  for try in 1 2 3 4 5; do umount "$mnt" 2>/dev/null && break; sleep 1; done
+  mountpoint -q "$mnt" && fail "cannot unmount the volume"
+  return 0
+}
+
+# Makes disk image $2 anew: volume image $1 as the one partition of an MBR disk, at
+# sector 2048, with 1 MiB after it.
+mbr_disk() {
+  local vol=$1 disk=$2
+  truncate -s 0 "$disk" && truncate -s $((2048 * 512)) "$disk" && cat "$vol" >>"$disk" && truncate -s +1M "$disk"
+  echo "2048,$(($(stat -c %s "$vol") / 512)),7" | sfdisk -q --wipe never "$disk" >/dev/null 2>&1 || fail "sfdisk"
+}
+
+# Makes $1 on an ntfs-3g mount a real reparse point: $2 tag (hex), $3 substitute and
+# $4 print name.
+reparse() { python3 "$KORU_SOURCE_DIR/tests/integration/ntfs_reparse.py" "$@"; }
+
 # The info file vmft must write for the volume at sector $3 of image $1 ($2-byte
 # sectors, drive letter $4), after its banner, date and empty line, as The Sleuth
 # Kit reads the volume: the names of each regular file from fls -r -p grouped by MFT
@@ -184,14 +209,20 @@ same_ranges() {
 # section unless its first name lies in a skipped place; its other names in skipped
 # places are left out, and a file left with one name gets none. Bytes as the file
 # holds them: Latin-1, CR LF, cut before the first character above U+00FF.
+# With roots after $4 (volume paths such as "Program Files", "Users/*/AppData" for
+# each folder of Users), the answer of the directory walk instead: only files met
+# walking the roots that exist, in order, depth first in NTFS name order, past no
+# reparse point and into no folder of the walk's skip list; the name met first is the
+# one checked against the skip list, and the key is sequence << 48 | entry.
 tsk_hlinfo() {
   python3 - "$@" <<'PY'
 import os, re, subprocess, sys
 img, bps, start, letter = sys.argv[1:5]
+roots = sys.argv[5:]
 tsk = ["-f", "ntfs", "-b", bps, "-o", start]
 def run(*args):
     return subprocess.run(args, check=True, capture_output=True).stdout.decode("utf-8", "surrogateescape")
-dirs, names, sizes = {"": 5}, {}, {}
+dirs, names, sizes, children, stats = {"": 5}, {}, {}, {}, {}
 for line in run("fls", *tsk, "-l", "-r", "-p", "-u", img).splitlines():
     m = re.match(r"(\S)/\S (\d+)-(\d+)-\d+:\t([^\t]*)\t(?:[^\t]*\t){4}(\d+)\t", line)
     if not m or m.group(4).startswith("$OrphanFiles"):
@@ -202,6 +233,13 @@ for line in run("fls", *tsk, "-l", "-r", "-p", "-u", img).splitlines():
     elif kind == "r" and attr == "128" and ":" not in os.path.basename(path):
         names.setdefault(entry, []).append(path)
         sizes[entry] = size
+    else:
+        continue
+    children.setdefault(os.path.dirname(path), []).append((os.path.basename(path), path, kind, entry))
+def istat(entry):
+    if entry not in stats:
+        stats[entry] = run("istat", *tsk, img, str(entry))
+    return stats[entry]
 skipped = ["\\duskcfg\\boot\\", "\\fernacfg\\boot\\", "\\glimcfg\\boot\\", "\\hollcfg\\boot\\", "\\ivlocfg\\boot\\",
            "\\jastcfg\\boot\\", "\\lumecfg\\boot\\", "\\$extend\\", "\\$recycle.bin\\", "\\logfiles\\vmft_trace.log",
            "\\microsoft\\diagnosis\\", "\\microsoft\\windows defender\\scans\\history",
@@ -210,33 +248,52 @@ skipped = ["\\duskcfg\\boot\\", "\\fernacfg\\boot\\", "\\glimcfg\\boot\\", "\\ho
            "\\windows\\system32\\logfiles\\wmi\\rtbackup\\", "\\windows\\temp\\",
            "\\windows\\winsxs\\temp\\pendingdeletes\\", "\\appdata\\local\\temp\\",
            "\\windows defender advanced threat protection\\cache\\"]
+not_entered = ["\\Microsoft\\CLR Security Config\\", "\\Internet Explorer\\DomainSuggestions\\",
+               "\\Secure Islands\\IQProtector\\", "\\Temporary Internet Files\\", "\\Kaspersky Lab\\",
+               "\\Crypto\\RSA\\MachineKeys\\"]
 def win(path):
     return letter + ":\\" + path.replace("/", "\\")
 def skip(path):
     low = "".join(c.lower() if c < "\x80" else c for c in win(path))
     return any(f in low for f in skipped)
-out, sections, total = "", 0, 0
-for entry in sorted(names):
-    paths = names[entry]
-    if len(paths) < 2:
+def listed_in(folder):
+    return [c for c in sorted(children.get(folder, []), key=lambda c: c[0].upper())
+            if "$REPARSE_POINT" not in istat(c[3])]
+met = {}
+def walk(folder):
+    for name, path, kind, entry in listed_in(folder):
+        if kind == "r":
+            met.setdefault(entry, path)
+        elif not any(f in win(path) for f in not_entered):
+            walk(path)
+for root in roots:
+    parent, star, rest = root.partition("/*/")
+    for path in [parent + "/" + c[0] + "/" + rest for c in listed_in(parent) if c[2] == "d"] if star else [root]:
+        if path in dirs:
+            walk(path)
+out, sections, total = "", [], 0
+for entry, paths in names.items():
+    if len(paths) < 2 or (roots and entry not in met):
         continue
     # istat lists the $FILE_NAME attributes in record order, DOS names among them.
-    info = run("istat", *tsk, img, str(entry))
+    info = istat(entry)
     order = re.findall(r"^Name: (.*)\nParent MFT Entry: (\d+)", info, re.M)
     first = next(p for n, parent in order for p in paths
                  if os.path.basename(p) == n and dirs.get(os.path.dirname(p)) == int(parent))
-    if skip(first):
+    if skip(met[entry] if roots else first):
         continue
     listed = [first] + [p for p in paths if p != first and not skip(p)]
     if len(listed) < 2:
         continue
     listed.sort(key=lambda p: "".join(c.lower() if c < "\x80" else c for c in win(p)))
-    out += "[%012x]\n" % entry
+    sequence = int(re.search(r"^Entry: \d+\s+Sequence: (\d+)", info, re.M).group(1))
+    sections.append((sequence << 48 | entry if roots else entry, listed, sizes[entry]))
+for key, listed, size in sorted(sections):
+    out += "[%012x]\n" % key
     out += "".join("File%d=%s\n" % (i, win(p)) for i, p in enumerate(listed))
-    out += "Count=%d\nSize=%d\n" % (len(listed), sizes[entry])
-    sections += 1
-    total += sizes[entry]
-out += "[Totals]\nSections=%d\nBytes=%d\n" % (sections, total)
+    out += "Count=%d\nSize=%d\n" % (len(listed), size)
+    total += size
+out += "[Totals]\nSections=%d\nBytes=%d\n" % (len(sections), total)
 cut = next((i for i, c in enumerate(out) if ord(c) > 0xFF), len(out))
 sys.stdout.buffer.write(out[:cut].replace("\n", "\r\n").encode("latin-1"))
 PY
@@ -244,6 +301,22 @@ PY
 
 # A copy of vmft whose trace log (Logfiles/ beside it) no other test writes: $1 directory.
 private_vmft() { cp -f "$VMFT" "$1/vmft" && echo "$1/vmft"; }
+
+# Fails unless info file $1 is $2 after its banner, date and empty line; $3 names the
+# volume in messages.
+same_info_file() {
+  local out=$1 expected=$2 what=$3 banner date
+  [[ -f $out ]] || fail "$what: vmft wrote no info file"
+  if ! cmp -s <(tail -n +4 "$out") "$expected"; then
+    diff <(tail -n +4 "$out" | iconv -f latin1 -t utf-8) <(iconv -f latin1 -t utf-8 "$expected") >&2 || true
+    fail "$what: the info file differs from what fls and istat predict"
+  fi
+  banner=$(head -n 1 "$out") date=$(sed -n 2p "$out")
+  [[ $banner == "; Varnel generated file for ($(hostname)) - do not edit"$'\r' ]] || fail "banner: $banner"
+  [[ $date =~ ^\;\ Generated\ on\ [0-3][0-9]\ [A-Z][a-z]{2}\ [0-9]{4}\ at\ [0-2][0-9]:[0-5][0-9]:[0-5][0-9]$'\r'$ ]] ||
+    fail "date line: $date"
+  [[ $(sed -n 3p "$out") == $'\r' ]] || fail "no empty line after the date"
+}
 
 # Fails unless `vmft hlinfo` writes exactly what tsk_hlinfo predicts for volume $2 of
 # disk $1 (PATH[:SECTOR_SIZE]), at sector $3 of $4-byte sectors; $5 is the private
@@ -259,15 +332,7 @@ same_hlinfo() {
   if [[ ! -f $out ]] || ! cmp -s <(tail -n +4 "$out") "$expected"; then
     grep -q 'ending(OpenFileById() failed) : dwLastError = 120' "$dir/Logfiles/VMFT_trace.log" &&
       skip "the file-level calls are not implemented here (ERROR_CALL_NOT_IMPLEMENTED)"
-    [[ -f $out ]] || fail "$disk $letter: vmft wrote no info file"
-    diff <(tail -n +4 "$out" | iconv -f latin1 -t utf-8) <(iconv -f latin1 -t utf-8 "$expected") >&2 || true
-    fail "$disk $letter: the info file differs from what fls and istat predict"
   fi
-  local banner date
-  banner=$(head -n 1 "$out") date=$(sed -n 2p "$out")
-  [[ $banner == "; Varnel generated file for ($(hostname)) - do not edit"$'\r' ]] || fail "banner: $banner"
-  [[ $date =~ ^\;\ Generated\ on\ [0-3][0-9]\ [A-Z][a-z]{2}\ [0-9]{4}\ at\ [0-2][0-9]:[0-5][0-9]:[0-5][0-9]$'\r'$ ]] ||
-    fail "date line: $date"
-  [[ $(sed -n 3p "$out") == $'\r' ]] || fail "no empty line after the date"
+  same_info_file "$out" "$expected" "$disk $letter"
   echo "ok: $(basename "${disk%%:*}") $letter: $(grep -c '^Count=' "$expected") section(s) as fls and istat predict"
 }

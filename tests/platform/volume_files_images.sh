@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Makes the NTFS volumes the volume file tests read, once per build tree (again when
-# this script changes): mkntfs, then an ntfs-3g mount (root) to fill them, then a few
+# this script or ntfs_reparse.py changes): mkntfs, then an ntfs-3g mount (root) to fill them, then a few
 # records broken on purpose. Usage: volume_files_images.sh OUT_DIR SHARED_DIR
 # Without root or the tools it makes nothing, and the tests that need the images skip.
 set -euo pipefail
 out=$1 shared=$2
-stamp=$out/made-by-$(sha1sum "$0" | cut -c1-12)
+here=$(cd "$(dirname "$0")" && pwd)
+stamp=$out/made-by-$(cat "$0" "$here/../integration/ntfs_reparse.py" | sha1sum | cut -c1-12)
 [[ -f $stamp ]] && exit 0
 rm -rf "$out" && mkdir -p "$out"
 for tool in mkntfs ntfs-3g setfattr python3 ifind; do
@@ -24,17 +25,7 @@ volume() {  # IMAGE SIZE FILL-FUNCTION
 }
 
 # Reparse data as Windows writes it: $1 path, $2 tag (hex), $3 substitute name, $4 print name.
-reparse() {
-  python3 - "$@" <<'EOF'
-import os, struct, sys
-path, tag, sub, show = sys.argv[1], int(sys.argv[2], 16), sys.argv[3].encode("utf-16-le"), sys.argv[4].encode("utf-16-le")
-if tag == 0xA0000003:  # mount point: names with terminators, no flags
-    data = struct.pack("<HHHH", 0, len(sub), len(sub) + 2, len(show)) + sub + b"\0\0" + show + b"\0\0"
-else:                  # symbolic link: flags 1 = relative
-    data = struct.pack("<HHHHI", 0, len(sub), len(sub), len(show), 1) + sub + show
-os.setxattr(path, "system.ntfs_reparse_data", struct.pack("<IHH", tag, len(data), 0) + data)
-EOF
-}
+reparse() { python3 "$here/../integration/ntfs_reparse.py" "$@"; }
 
 fill_files() {
   mkdir -p Windows/System32 "Program Files/Koru" "Program Files (x86)" ProgramData/Koru Users/Public/Documents \
