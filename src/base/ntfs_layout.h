@@ -158,6 +158,9 @@ inline constexpr std::size_t kRpSymlinkFlags = 16;      // u32, symbolic links o
 inline constexpr std::size_t kRpMountPointPaths = 16;   // path buffer of a mount point
 inline constexpr std::size_t kRpSymlinkPaths = 20;      // path buffer of a symbolic link
 inline constexpr std::size_t kRpAppExecVersion = 8;     // u32, application execution links
+// Windows Overlay Filter (CompactOS) files: the filter, present on every Windows 10 and
+// later, hides this reparse point from directory listings and attribute queries.
+inline constexpr std::uint32_t kReparseTagWof = 0x80000017u;
 inline constexpr std::size_t kRpAppExecStrings = 12;    // zero-terminated UTF-16 strings
 inline constexpr std::uint32_t kRpTagMicrosoft = 0x80000000u;
 inline constexpr std::uint32_t kRpTagNameSurrogate = 0x20000000u;

@@ -230,7 +230,7 @@ bool TskVolume::ReadAttributes(FileRecord* file) {
         }
         break;
       case layout::kReparsePoint:
-        reparse = true;
+        reparse = reparse || koru::le32Or0(value, layout::kRpTag) != layout::kReparseTagWof;
         break;
       default:
         break;

@@ -39,8 +39,10 @@ std::uint32_t FileRecord::LinkCount() const {
 std::uint32_t Win32Attributes(std::uint32_t flags, bool directory, bool reparse_point) {
   // The low word holds the Win32 bits (NTFS keeps its own index flags above it); the
   // directory bit comes from the record, as Windows takes it, and "normal" only
-  // stands alone.
-  std::uint32_t out = flags & 0xFFFFu & ~(kFileAttributeDirectory | kFileAttributeNormal | 0x0008u);
+  // stands alone; the reparse bit comes from the reparse point itself, which may be one
+  // Windows hides.
+  std::uint32_t out =
+      flags & 0xFFFFu & ~(kFileAttributeDirectory | kFileAttributeNormal | kFileAttributeReparsePoint | 0x0008u);
   if (directory) out |= kFileAttributeDirectory;
   if (reparse_point) out |= kFileAttributeReparsePoint;
   return out == 0 ? kFileAttributeNormal : out;

@@ -51,6 +51,7 @@ fill_files() {
   reparse ProgramData/junction A0000003 '\??\C:\Windows' 'C:\Windows'
   echo target >Windows/link-target.dll
   touch Windows/link.dll && reparse Windows/link.dll A000000C 'link-target.dll' 'link-target.dll'
+  echo compact >Windows/compact.dll && reparse Windows/compact.dll 80000017 x x
 }
 
 fill_deep() {
