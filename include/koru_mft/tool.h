@@ -35,6 +35,10 @@ KORU_MFT_API std::vector<VolumeInfo> ListVolumes();
 // Why names, links and directories of files cannot be read on the volume with this
 // letter (on Linux: a volume The Sleuth Kit refuses); empty when they can.
 KORU_MFT_API std::string FileLevelProblem(wchar_t letter);
+// When `letter` is a BitLocker volume, which Linux cannot read, its file-level answers
+// (does a link name exist) come from then on from `copy`, a readable copy of the same
+// volume (a decrypted clone, a snapshot). True when `letter` is a BitLocker volume.
+KORU_MFT_API bool ReadBitLockerFilesThrough(wchar_t letter, wchar_t copy);
 
 // Checks a range list that VMFT::GetMFTSectorRanges gave for the volume behind
 // `letter` against the volume itself, read again through the library: MFT record 0

@@ -35,6 +35,16 @@ bool IsBitLocker(wchar_t letter) {
                      [letter](const auto& v) { return v.letter == letter && v.kind == L"BitLocker"; });
 }
 
+}  // namespace
+
+bool ReadBitLockerFilesThrough(wchar_t letter, wchar_t copy) {
+  if (!IsBitLocker(letter)) return false;
+  platform::ReadFilesThrough(letter, copy);
+  return true;
+}
+
+namespace {
+
 // A record's first four bytes: quoted when printable, else in hexadecimal.
 std::wstring Signature(Bytes record) {
   std::wstring text = L"\"";

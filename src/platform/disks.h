@@ -35,5 +35,8 @@ std::vector<ListedVolume> ListVolumes();
 // answer on the volume with this letter, in words a person can act on; empty when
 // they can. Linux reads them through The Sleuth Kit, which refuses some volumes.
 std::string FileLevelProblem(wchar_t letter);
+// The file-level calls on `letter` are answered from the volume `copy` (Linux: a
+// readable copy of a BitLocker volume; Windows reads that volume itself).
+void ReadFilesThrough(wchar_t letter, wchar_t copy);
 
 }  // namespace platform

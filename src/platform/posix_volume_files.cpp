@@ -128,7 +128,8 @@ bool VolumeFiles::Resolve(const wchar_t* path, Target* target, DWORD* error) {
   if (p.substr(0, 4) == L"\\\\?\\") p.remove_prefix(4);
   DeviceBinding binding;
   DWORD ignored = 0;
-  if (!ResolveDevice(std::wstring(L"\\\\.\\") + p[0] + L":", &binding, &ignored)) return Fail(error, kErrorPathNotFound);
+  if (!ResolveDevice(std::wstring(L"\\\\.\\") + Through(p[0]) + L":", &binding, &ignored))
+    return Fail(error, kErrorPathNotFound);
   target->volume = OpenVolume(binding, error);
   if (!target->volume) return false;
   TskVolume& v = *target->volume;
@@ -388,7 +389,20 @@ DWORD VolumeFiles::GetFileAttributes(const wchar_t* path, DWORD* error) {
   return Resolve(path, &target, error) ? target.file.attributes : kInvalidFileAttributes;
 }
 
+void VolumeFiles::ReadThrough(wchar_t letter, wchar_t copy) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  through_[static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(letter)))] =
+      static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(copy)));
+}
+
+wchar_t VolumeFiles::Through(wchar_t letter) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = through_.find(static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(letter))));
+  return it == through_.end() ? letter : it->second;
+}
+
 std::string VolumeFiles::Problem(wchar_t letter) {
+  letter = Through(letter);
   DeviceBinding binding;
   DWORD error = 0;
   if (!ResolveDevice(std::wstring(L"\\\\.\\") + letter + L":", &binding, &error))
@@ -401,4 +415,5 @@ std::string VolumeFiles::Problem(wchar_t letter) {
 
 namespace platform {
 std::string FileLevelProblem(wchar_t letter) { return posix::VolumeFiles::Instance().Problem(letter); }
+void ReadFilesThrough(wchar_t letter, wchar_t copy) { posix::VolumeFiles::Instance().ReadThrough(letter, copy); }
 }  // namespace platform

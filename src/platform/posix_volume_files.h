@@ -53,6 +53,8 @@ class VolumeFiles {
   // Why the file-level calls cannot answer on the volume with this letter, in words a
   // person can act on; empty when they can.
   std::string Problem(wchar_t letter);
+  // Paths on `letter` are looked up on `copy` from now on.
+  void ReadThrough(wchar_t letter, wchar_t copy);
 
  private:
   struct Object;
@@ -62,7 +64,10 @@ class VolumeFiles {
   HANDLE Store(std::shared_ptr<Object> object);
   std::shared_ptr<Object> Find(HANDLE handle, int kind);
 
+  wchar_t Through(wchar_t letter);
+
   std::mutex mutex_;
+  std::unordered_map<wchar_t, wchar_t> through_;
   struct Opened {
     std::string identity;  // of the image file, so that one made anew is read again
     std::shared_ptr<TskVolume> volume;

@@ -90,6 +90,8 @@ a=$work/a.img b=$work/b.img
 mbr_disk "$vol" "$a"
 mbr_disk "$vol" "$b"
 printf -- '-FVE-FS-' | dd of="$a" bs=1 seek=$((2048 * 512 + 3)) conv=notrunc status=none
+# Past its boot sector A reads as encrypted data does: nothing of its files can be read.
+dd if=/dev/zero of="$a" bs=512 seek=2049 count=$(($(stat -c %s "$vol") / 512 - 1)) conv=notrunc status=none
 # vmft on both disks, with Linux's defaults for the Windows folders unless NAME=VALUE
 # arguments come first.
 walk() {

@@ -33,12 +33,6 @@ class ProgressOut : public std::wstreambuf {
   std::wstring text_;
 };
 
-bool IsBitLocker(wchar_t letter) {
-  for (const auto& volume : koru::tool::ListVolumes())
-    if (volume.letter == letter) return volume.kind == L"BitLocker";
-  return false;
-}
-
 vmft::Registrar hlinfo(40, [](CLI::App& app, vmft::Global&) -> vmft::Command {
   auto* sub = app.add_subcommand(
       "hlinfo", "Write the hard-link info file of a Windows volume: every file with several names, all its names");
@@ -56,10 +50,11 @@ vmft::Registrar hlinfo(40, [](CLI::App& app, vmft::Global&) -> vmft::Command {
       return 2;
     }
     // The names come from the file system; where it cannot be read, an inventory would
-    // come out empty and look complete. A BitLocker volume's own files are not read:
-    // its inventory comes from the walk through the VSS letter.
+    // come out empty and look complete. A BitLocker volume is read through its copy,
+    // the VSS letter, on Linux.
+    const bool bitlocker = wcVssDrive != wcWindows && koru::tool::ReadBitLockerFilesThrough(wcWindows, wcVssDrive);
     for (const wchar_t letter : {wcVssDrive, wcWindows}) {
-      if (letter == wcWindows && letter != wcVssDrive && IsBitLocker(letter)) continue;
+      if (letter == wcWindows && bitlocker) continue;
       const std::string why = koru::tool::FileLevelProblem(letter);
       if (!why.empty()) {
         vmft::Err(L"vmft: cannot make the hard-link inventory: " + vmft::Widen(why) + L"\n");
