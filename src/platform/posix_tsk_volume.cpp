@@ -214,7 +214,12 @@ bool TskVolume::ReadAttributes(FileRecord* file) {
     if ((attr->flags & TSK_FS_ATTR_RES) != 0 && attr->rd.buf != nullptr && attr->size >= 0)
       value = koru::Bytes(reinterpret_cast<const std::byte*>(attr->rd.buf),
                           std::min(attr->rd.buf_size, static_cast<std::size_t>(attr->size)));
-    switch (static_cast<std::uint32_t>(attr->type)) {
+    // The code as the record holds it: The Sleuth Kit keeps any code in its enum
+    // field, and one its enum cannot hold must not be read as the enum.
+    std::uint32_t type = 0;
+    static_assert(sizeof attr->type == sizeof type);
+    std::memcpy(&type, &attr->type, sizeof type);
+    switch (type) {
       case layout::kStandardInformation:
         flags = koru::le32Or0(value, layout::kSiFileAttributes);
         break;

@@ -1,5 +1,6 @@
 // Any bytes as the MFT of a volume, record 0 and its run list included: the hard-link
-// scan must end, reading only inside its buffers, whatever the records and runs say.
+// scan, which maps the MFT through GetMftRanges first, must end, reading only inside
+// its buffers, whatever the records and runs say.
 // The first byte picks the sector size (512 or 4096), the second is the boot sector's
 // file-record size field; the rest is the MFT, from cluster 16 on.
 #include <cstddef>
