@@ -25,7 +25,12 @@ std::vector<VolumeInfo> ListVolumes() {
   return out;
 }
 
-std::string FileLevelProblem(wchar_t letter) { return platform::FileLevelProblem(letter); }
+std::string FileLevelProblem(wchar_t letter) {
+  std::string why = platform::FileLevelProblem(letter);
+  // A caller that stops here has the reason in the trace too.
+  if (!why.empty()) varnel::Trace().Trace(varnel::kTraceWarning, L"koru::tool::FileLevelProblem", L"sReason", why);
+  return why;
+}
 
 namespace {
 
