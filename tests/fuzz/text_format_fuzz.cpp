@@ -21,8 +21,7 @@ namespace {
 using platform::DWORD;
 
 // The log's file calls answered in memory, so an entry costs no disk write.
-class Sink : public koru::test::FaultEnv {
- public:
+struct Sink : koru::test::FaultEnv {
   Sink() : FaultEnv(platform::Env::Default()) {}
   platform::HANDLE CreateFileW(const wchar_t*, DWORD, DWORD, DWORD, DWORD) override {
     return reinterpret_cast<platform::HANDLE>(std::uintptr_t{0x5100});
@@ -37,12 +36,12 @@ void Check(bool ok) {
   if (!ok) std::abort();
 }
 
+int Sign(int v) { return (v > 0) - (v < 0); }
+
 bool Same(const varnel::string& s, const std::wstring& model) {
   return s.length() == model.size() && std::wmemcmp(s.c_str(), model.data(), model.size()) == 0 &&
          s.c_str()[s.length()] == 0 && (s.is_inline() || s.capacity() >= s.length());
 }
-
-int Sign(int v) { return (v > 0) - (v < 0); }
 
 }  // namespace
 
@@ -65,16 +64,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (int steps = 0; at < size && steps < 64; ++steps) {
     const std::uint8_t op = byte(), n = byte();
     switch (op % 12) {
-      case 0: {
+      case 0:
+      case 1: {  // as C text, cut at a zero, or as counted text
         const std::wstring text = piece(n % 24);
-        s += text.c_str();
-        model += text.c_str();
-        break;
-      }
-      case 1: {
-        const std::wstring text = piece(n % 24);
-        s += varnel::string(text.data(), text.size());
-        model += text;
+        if (op % 12) s += varnel::string(text.data(), text.size()), model += text;
+        else s += text.c_str(), model += text.c_str();
         break;
       }
       case 2:

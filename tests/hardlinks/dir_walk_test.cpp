@@ -15,7 +15,8 @@ using test::Call;
 // A Windows volume as the walk sees it through D:; every search and file is closed at the end.
 class DirWalk : public ::testing::Test {
  public:
-  DirWalk() : faults_(static_cast<platform::Env&>(files_)), scope_(faults_) {
+  DirWalk() : faults_(static_cast<platform::Env&>(files_)), scope_(faults_) { Fill(); }
+  void Fill() {
     files_.variables = {{L"ProgramData", L"C:\\ProgramData"},
                         {L"ProgramFiles", L"C:\\Program Files"},
                         {L"ProgramFiles(x86)", L"C:\\Program Files (x86)"}};
@@ -37,10 +38,16 @@ class DirWalk : public ::testing::Test {
     };
     files_.folders = {L"\\Users\\Public"};
     files_.reparse = {L"\\Program Files\\Junction", L"\\Program Files\\link.dll", L"\\Users\\All Users"};
+    files_.fail_search.clear();
+    files_.fail_open.clear();
   }
   ~DirWalk() override { EXPECT_EQ(files_.open_handles(), leaked_); }
 
   bool Create(HardLinkMap& map, platform::DWORD kind = 10) { return HardLinkInfo::Create(kind, L'D', map); }
+  bool Walk() {
+    HardLinkMap map;
+    return Create(map);
+  }
   std::wstring Stdout() { return faults_.captured_stdout().str(); }
 
   test::FakeFilesEnv files_;
@@ -121,57 +128,120 @@ TEST_F(DirWalk, ProgramFilesX86IsOptional) {
   EXPECT_EQ(map.at(1ull << 48 | 41), L"\\Windows\\x.exe");
 }
 
-// All or nothing: the first root that fails ends the walk with its line on stdout.
+// All or nothing: each failure ends its call with its own trace line, and a root
+// that fails ends the walk with its line on stdout.
 TEST_F(DirWalk, EveryFailureEndsTheWalk) {
+  using Fault = std::function<void(DirWalk&)>;
+  using Run = std::function<bool()>;
+  const auto unsearchable = [](const wchar_t* dir) -> Fault {
+    return [dir](DirWalk& t) { t.files_.fail_search = {{dir, platform::kErrorAccessDenied}}; };
+  };
+  const auto fail = [](Call call, platform::DWORD error, int nth = 1) -> Fault {
+    return [=](DirWalk& t) { t.faults_.FailCall(call, error, nth); };
+  };
+  const Run walk = [this] { return Walk(); }, users = [root = L"D:\\Users"] {
+    std::vector<varnel::string> names;
+    return HardLinkInfo::GetUserList(root, names);
+  };
+  const auto file_id = [](const wchar_t* path) -> Run {
+    return [path] {
+      std::uint64_t id = 0;
+      return HardLinkInfo::GetFileId(path, id) && id != 0;
+    };
+  };
+  const auto recurse = [](const wchar_t* dir) -> Run {
+    return [dir] {
+      HardLinkMap map;
+      return HardLinkInfo::RecurseHardLinks(dir, map);
+    };
+  };
+  const std::wstring deep = L"\\ProgramData" + [] {
+    std::wstring levels;
+    for (int i = 0; i < 1100; ++i) levels += L"\\d";
+    return levels;
+  }() + L"\\f";
+  const std::wstring create = L"[E]: HardLinkInfo::Create : ... ending( ";
+  const std::wstring below = L"Failed to search for hard-links under D:\\";
   const struct {
-    std::function<void(DirWalk&)> fault;
-    const wchar_t* stdout_text;
-    std::vector<const wchar_t*> trace;
+    Fault fault;
+    std::wstring stdout_text;
+    std::vector<std::wstring> trace;
+    Run run;
     const wchar_t* stderr_text = L"";
   } cases[] = {
       {[](DirWalk& t) { t.files_.variables.erase(L"ProgramData"); }, L"",
-       {L"[E]: HardLinkInfo::Create : ... ending( GetEnvironmentVariable(ProgramData) failed ) : dwLastError = 203"}},
-      {[](DirWalk& t) { t.faults_.FailCall(Call::GetEnvironmentVariableW, platform::kErrorNotEnoughMemory, 3); }, L"",
-       {L"[E]: HardLinkInfo::Create : ... ending( GetEnvironmentVariable(ProgramFiles(x86)) failed ) : dwLastError = 8"}},
-      {[](DirWalk& t) { t.faults_.FailCall(Call::GetWindowsDirectoryW, platform::kErrorInvalidFunction); }, L"",
-       {L"[E]: HardLinkInfo::Create : ... ending( GetWindowsDirectory failed ) : dwLastError = 1"}},
+       {create + L"GetEnvironmentVariable(ProgramData) failed ) : dwLastError = 203"}, walk},
+      {[](DirWalk& t) { t.files_.variables.erase(L"ProgramFiles"); }, L"",
+       {create + L"GetEnvironmentVariable(ProgramFiles) failed ) : dwLastError = 203"}, walk},
+      {fail(Call::GetEnvironmentVariableW, platform::kErrorNotEnoughMemory, 3), L"",
+       {create + L"GetEnvironmentVariable(ProgramFiles(x86)) failed ) : dwLastError = 8"}, walk},
+      {fail(Call::GetWindowsDirectoryW, platform::kErrorInvalidFunction), L"",
+       {create + L"GetWindowsDirectory failed ) : dwLastError = 1"}, walk},
       // Access denied on a folder below a root.
-      {[](DirWalk& t) { t.files_.fail_search = {{L"\\Program Files\\Common", platform::kErrorAccessDenied}}; },
-       L"Failed to search for hard-links under D:\\Program Files\n",
+      {unsearchable(L"\\Program Files\\Common"), below + L"Program Files\n",
        {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(FindFirstFile failed) : dwLastError = 5",
         L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(RecurseHardLinks failed)",
-        L"[E]: HardLinkInfo::Create : ... ending( RecurseHardLinks(Program Files) failed )"}},
-      {[](DirWalk& t) { t.faults_.FailCall(Call::FindNextFileW, platform::kErrorFileCorrupt, 2); },
-       L"Failed to search for hard-links under D:\\ProgramData\n",
+        create + L"RecurseHardLinks(Program Files) failed )"},
+       walk},
+      {unsearchable(L"\\Program Files (x86)"), below + L"Program Files (x86)\n",
+       {create + L"RecurseHardLinks(Program Files (x86)) failed )"}, walk},
+      {unsearchable(L"\\Windows"), below + L"Windows\n", {create + L"RecurseHardLinks(Windows) failed )"}, walk},
+      {unsearchable(L"\\Windows.old"), below + L"Windows.old\n", {create + L"RecurseHardLinks(Windows.old) failed )"},
+       walk},
+      {unsearchable(L"\\inetpub"), below + L"inetpub\n", {create + L"RecurseHardLinks(Inetpub) failed )"}, walk},
+      {unsearchable(L"\\Users\\Bob\\AppData\\Local"), below + L"Users\\Bob\\AppData\n",
+       {create + L"RecurseHardLinks(Documents And Settings) failed )"}, walk},
+      {fail(Call::FindNextFileW, platform::kErrorFileCorrupt, 2), below + L"ProgramData\n",
        {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(FindNextFile failed - Corrupt File/Folder)",
-        L"[E]: HardLinkInfo::Create : ... ending( RecurseHardLinks(ProgramData) failed )"},
-       L"Error: Failed scanning hard-links because of a corrupt file or folder\n"},
-      {[](DirWalk& t) { t.faults_.FailCall(Call::FindClose, platform::kErrorInvalidHandle, 1), ++t.leaked_; },
-       L"Failed to search for hard-links under D:\\ProgramData\n",
-       {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(FindClose failed) : dwLastError = 6"}},
-      {[](DirWalk& t) { t.files_.fail_search = {{L"\\Users", platform::kErrorAccessDenied}}; }, L"",
+        create + L"RecurseHardLinks(ProgramData) failed )"},
+       walk, L"Error: Failed scanning hard-links because of a corrupt file or folder\n"},
+      {fail(Call::FindNextFileW, platform::kErrorNotReady), L"",
+       {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(FindNextFile failed) : dwLastError = 21"},
+       recurse(L"D:\\ProgramData")},
+      {[](DirWalk& t) { t.faults_.FailCall(Call::FindClose, platform::kErrorInvalidHandle), ++t.leaked_; },
+       below + L"ProgramData\n", {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(FindClose failed) : dwLastError = 6"},
+       walk},
+      {unsearchable(L"\\Users"), L"",
        {L"[E]: HardLinkInfo::GetUserList : ... ending(FindFirstFile failed) : dwLastError = 5",
-        L"[E]: HardLinkInfo::Create : ... ending( GetUserList failed )"}},
-      {[](DirWalk& t) { t.files_.fail_search = {{L"\\Users\\Bob\\AppData\\Local", platform::kErrorAccessDenied}}; },
-       L"Failed to search for hard-links under D:\\Users\\Bob\\AppData\n",
-       {L"[E]: HardLinkInfo::Create : ... ending( RecurseHardLinks(Documents And Settings) failed )"}},
+        create + L"GetUserList failed )"},
+       walk},
+      {fail(Call::FindNextFileW, platform::kErrorNotReady), L"",
+       {L"[E]: HardLinkInfo::GetUserList : ... ending(FindNextFile failed) : dwLastError = 21"}, users},
+      {[](DirWalk& t) { t.faults_.FailCall(Call::FindClose, platform::kErrorInvalidHandle), ++t.leaked_; }, L"",
+       {L"[E]: HardLinkInfo::GetUserList : ... ending(FindClose failed) : dwLastError = 6"}, users},
+      // Access denied, and the attributes cannot be read to tell an encrypted file.
+      {[](DirWalk& t) {
+         t.files_.fail_open = {{L"\\ProgramData\\p.dat", platform::kErrorAccessDenied}};
+         t.faults_.FailCall(Call::GetFileAttributesW, platform::kErrorNotReady);
+       },
+       L"", {L"[E]: HardLinkInfo::GetFileId : ... ending(GetFileAttributes failed) : dwLastError = 21"},
+       file_id(L"D:\\ProgramData\\p.dat")},
+      {fail(Call::GetFileInformationByHandle, platform::kErrorInvalidHandle), L"",
+       {L"[E]: HardLinkInfo::GetFileId : ... ending(GetFileInformationByHandle failed) : dwLastError = 6"},
+       file_id(L"D:\\ProgramData\\p.dat")},
+      {[](DirWalk&) {}, L"", {L"[V]: HardLinkInfo::GetFileId : ... ending(Invalid file parameter)"}, file_id(L"")},
+      {[](DirWalk&) {}, L"", {L"[V]: HardLinkInfo::RecurseHardLinks : ... ending(Invalid directory)"}, recurse(L"")},
+      {[](DirWalk&) {}, L"", {L"[V]: HardLinkInfo::GetUserList : ... ending(Invalid Root)"},
+       [] {
+         std::vector<varnel::string> names;
+         return HardLinkInfo::GetUserList(L"", names);
+       }},
+      // A folder as deep as a volume that lists a folder inside itself makes it.
+      {[&deep](DirWalk& t) { t.files_.files = {{45, {deep}, 1}}; }, below + L"ProgramData\n",
+       {L"[E]: HardLinkInfo::RecurseHardLinks : ... ending(folders nested too deep)"}, walk},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.trace.back());
-    DirWalk& t = *this;
+    SCOPED_TRACE(testing::PrintToString(c.trace.back()));
     trace_.Reset();
     faults_.Clear();
     faults_.captured_stdout().str(L"");
     faults_.captured_stderr().str(L"");
-    const auto saved_variables = files_.variables;
-    c.fault(t);
-    HardLinkMap map;
-    EXPECT_FALSE(Create(map));
+    Fill();
+    c.fault(*this);
+    EXPECT_FALSE(c.run());
     EXPECT_EQ(Stdout(), c.stdout_text);
     EXPECT_EQ(faults_.captured_stderr().str(), c.stderr_text);
-    for (const wchar_t* line : c.trace) EXPECT_TRUE(trace_.Has(line)) << line;
-    files_.variables = saved_variables;
-    files_.fail_search.clear();
+    for (const auto& line : c.trace) EXPECT_TRUE(trace_.Has(line)) << line;
   }
 }
 
