@@ -1,20 +1,14 @@
 // Container images: told apart by their content, EnCase and split raw sets found whole
-// (or refused with the file at fault), and a VHDX named in KORU_MFT_DISKS answering
-// VMFT::GetMFTSectorRanges as its raw disk does.
+// (or refused with the file at fault).
 #include "platform/posix_image.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "base/image_layout.h"
-#include "koru_mft/vmft.h"
-#include "mft/record_fixture.h"
-#include "platform/posix_disks.h"
-#include "support/disk_image.h"
 #include "support/temp_dir.h"
 
 namespace platform::posix {
@@ -127,38 +121,6 @@ TEST(PosixImage, EnCaseSegmentsPastE99AreNamedEAAOn) {
   ASSERT_TRUE(IdentifyImage((dir / "d.E01").string(), &kind, &error)) << error;
   ASSERT_EQ(kind.files.size(), 101u);
   EXPECT_EQ(kind.files.back(), (dir / "d.EAB").string());
-}
-
-// A disk whose one MBR partition holds an NTFS volume whose $MFT is 0x40 clusters.
-Bytes NtfsDisk() {
-  koru::test::RecordFixture record;
-  record.Resident(koru::layout::kStandardInformation, 0x48).Resident(koru::layout::kFileName, 0x4A);
-  record.NonResident(koru::layout::kData, {0x31, 0x40, 0x00, 0x10, 0x0C}).End();
-  Bytes disk = koru::test::DiskImage(2048 + 4096).Entry(0, 0, 0x07, 2048, 4096).Boot(2048);
-  const Bytes bytes = record.OnDisk(0x0005);
-  std::copy(bytes.begin(), bytes.end(), disk.begin() + (2048 + 4 * 8) * 512);
-  return disk;
-}
-
-TEST(PosixImage, AVhdxNamedInTheEnvironmentAnswersAsItsRawDisk) {
-  if (std::system("qemu-img --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "qemu-img is not installed";
-  koru::test::TempDir dir;
-  const Bytes disk = NtfsDisk();
-  dir.Write("disk.img", std::string(reinterpret_cast<const char*>(disk.data()), disk.size()));
-  const std::string raw = (dir / "disk.img").string(), vhdx = (dir / "disk.vhdx").string();
-  ASSERT_EQ(std::system(("qemu-img convert -O vhdx '" + raw + "' '" + vhdx + "'").c_str()), 0);
-  std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> answers;
-  for (const auto& path : {vhdx, raw}) {
-    ::setenv("KORU_MFT_DISKS", path.c_str(), 1);
-    ResetDisks();
-    answers.emplace_back();
-    EXPECT_TRUE(VMFT::GetMFTSectorRanges(L'C', answers.back())) << path;
-  }
-  ::unsetenv("KORU_MFT_DISKS");
-  ResetDisks();
-  const std::pair<std::uint64_t, std::uint64_t> mft{0x0C1000u * 8 + 2048, (0x0C1000u + 0x40) * 8 + 2048};
-  EXPECT_EQ(answers[0], std::vector{mft});
-  EXPECT_EQ(answers[0], answers[1]);
 }
 
 }  // namespace

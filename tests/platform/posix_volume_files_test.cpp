@@ -1,20 +1,17 @@
 // The file-level calls on a lettered volume, through PosixEnv, on volumes made by
 // mkntfs and ntfs-3g (tests/platform/volume_files_images.sh): what the hlinfo
 // integration tests cannot see from the output (error numbers, handle kinds, DOS
-// aliases, loops, short buffers, threads). Those tests check names, links and sizes
+// aliases, loops, short buffers). Those tests check names, links and sizes
 // against The Sleuth Kit.
 #include "platform/posix_volume_files.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <thread>
 
 #include "base/utf8.h"
 #include "koru_mft/tool.h"
@@ -273,46 +270,6 @@ TEST_F(VolumeFiles, ClustersTheSleuthKitRefusesGiveAReason) {
   EXPECT_EQ(koru::tool::FileLevelProblem(L'D'), "there is no volume D:");
   const std::string reason = koru::tool::FileLevelProblem(L'C');
   EXPECT_NE(reason.find("clusters above 64 KiB, and this volume's clusters are 2048 KiB"), std::string::npos) << reason;
-}
-
-TEST_F(VolumeFiles, ThreadsShareOneVolume) {
-  Attach("files.img");
-  if (IsSkipped()) return;
-  const std::uint64_t reference = Id(L"\\Windows\\many.dat");
-  std::vector<std::wstring> answers(4);
-  std::vector<std::thread> threads;
-  for (auto& answer : answers)
-    threads.emplace_back([&] {
-      for (int i = 0; i < 20 && NameById(reference, &answer) == 0;) ++i;
-    });
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(answers, std::vector<std::wstring>(4, L"\\Windows\\many.dat"));
-}
-
-TEST(WindowsAnswers, FoldersDefaultUnlessTheEnvironmentSetsThemAndTheHostIsNamed) {
-  PosixEnv env;
-  ::unsetenv("ProgramData");
-  ::setenv("ProgramFiles", "D:\\Apps", 1);
-  ::setenv("ProgramFiles(x86)", "", 1);  // Windows has no empty variables
-  wchar_t buffer[260];
-  const auto variable = [&](const wchar_t* name) {
-    return env.GetEnvironmentVariableW(name, buffer, 260) ? std::wstring(buffer) : std::to_wstring(env.GetLastError());
-  };
-  EXPECT_EQ(variable(L"ProgramData") + variable(L"ProgramFiles") + variable(L"ProgramFiles(x86)"),
-            L"C:\\ProgramDataD:\\Apps203");
-  EXPECT_EQ(env.GetWindowsDirectoryW(buffer, 5), 11u);  // the size needed
-  EXPECT_EQ(env.GetWindowsDirectoryW(buffer, 260), 10u);
-  EXPECT_EQ(std::wstring(buffer), L"C:\\Windows");
-  EXPECT_EQ(env.SHGetFolderPathW(kCsidlCommonDocuments, kShgfpTypeDefault, buffer), kSOk);
-  EXPECT_EQ(std::wstring(buffer), L"C:\\Users\\Public\\Documents");
-  ::unsetenv("ProgramFiles");
-  ::unsetenv("ProgramFiles(x86)");
-  DWORD size = 0;
-  ASSERT_EQ(env.GetNetworkParams(nullptr, &size), kErrorBufferOverflow);
-  std::vector<char> info(size), host(kFixedInfoHostNameSize);
-  EXPECT_EQ(env.GetNetworkParams(info.data(), &size), kErrorSuccess);
-  ::gethostname(host.data(), host.size() - 1);
-  EXPECT_STREQ(info.data(), host.data());
 }
 
 }  // namespace
