@@ -128,8 +128,8 @@ TEST(DiskMap, BrokenTablesEndTheScanWithWhatWasFound) {
 }
 
 // A disk attached with its clone (the usual recovery set-up): every volume keeps a
-// name of its own, the first disk keeps its natural names, the clone's MBR volumes
-// share one new signature, and the same disks in the same order give the same names.
+// name of its own, the first disk keeps its natural names, and the same disks in the
+// same order give the same names.
 TEST(DiskMap, ADiskAndItsCloneGetNamesOfTheirOwn) {
   const Image mbr = DiskImage(16384).Signature(0xCAFEF00D).Entry(0, 0, 0x07, 2048, 4096).Entry(0, 1, 0x07, 8192, 4096)
                         .Boot(2048).Boot(8192);
@@ -149,13 +149,7 @@ TEST(DiskMap, ADiskAndItsCloneGetNamesOfTheirOwn) {
     EXPECT_EQ(device.disk, v.disk);
   }
   EXPECT_EQ(names.size(), 10u);
-  EXPECT_EQ(map.volumes()[0].guid, L"{CAFEF00D-4B4F-5255-0000-000000100000}");
-  EXPECT_EQ(map.volumes()[2].guid, L"{43424140-4544-4746-4849-4A4B4C4D4E4F}");
-  const std::wstring& e = map.volumes()[4].guid;
-  EXPECT_EQ(e.substr(9), L"-4B4F-5255-0000-000000100000}");
-  EXPECT_EQ(map.volumes()[5].guid.substr(0, 9), e.substr(0, 9));  // one new signature for the clone
-  EXPECT_EQ(map.volumes()[8].guid.substr(0, 9), map.volumes()[9].guid.substr(0, 9));
-  EXPECT_NE(map.volumes()[8].guid.substr(0, 9), e.substr(0, 9));  // a third copy: another one
+  EXPECT_EQ(map.volumes()[0].guid, L"{CAFEF00D-4B4F-5255-0000-000000100000}");  // the first disk keeps its own
   const DiskMap again = Map(disks);
   for (std::size_t i = 0; i < map.volumes().size(); ++i) EXPECT_EQ(again.volumes()[i].guid, map.volumes()[i].guid);
 }
