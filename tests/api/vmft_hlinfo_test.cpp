@@ -22,25 +22,20 @@ constexpr std::uint16_t kFile = layout::kRecFlagInUse;
 struct Outcome {
   bool ok = false;
   std::string file;  // "(none)" when not written
-  std::wstring progress, console;
+  std::wstring console;
   std::vector<std::wstring> trace;
   bool Traced(const std::wstring& line) const { return std::find(trace.begin(), trace.end(), line) != trace.end(); }
 };
 
 // CreateHLInfo(`name` in a fresh directory, `letter`, V) on the volume of `image`,
-// whose files are `table`, with `fault` injected; hl.ini there holds `before` first.
-Outcome CreateHLInfo(const std::vector<std::byte>& image, std::uint32_t sector, std::vector<FakeFilesEnv::File> table,
-                     wchar_t letter = L'C', const std::function<void(test::FaultEnv&)>& fault = nullptr,
-                     const std::string& before = "", const std::string& name = "hl.ini",
-                     const std::function<void(FakeFilesEnv&)>& folders = nullptr) {
+// whose files are `table`, with `fault` injected; hl.ini there holds "old" first.
+Outcome CreateHLInfo(const std::vector<std::byte>& image, std::vector<FakeFilesEnv::File> table, wchar_t letter,
+                     const std::function<void(test::FaultEnv&)>& fault, const std::string& name) {
   test::TempDir dir;
-  if (!before.empty()) dir.Write("hl.ini", before);
-  test::ImageEnv disk(platform::Env::Default(), image, sector);
+  dir.Write("hl.ini", "old");
+  test::ImageEnv disk(platform::Env::Default(), image, 512);
   FakeFilesEnv files(disk);
   files.files = std::move(table);
-  files.host = "HOST";
-  files.local_time = std::tm{};
-  if (folders) folders(files);
   test::FaultEnv faults(static_cast<platform::Env&>(files));
   platform::ScopedEnv scope(faults);
   test::TraceCapture trace;
@@ -50,28 +45,9 @@ Outcome CreateHLInfo(const std::vector<std::byte>& image, std::uint32_t sector, 
   Outcome out;
   out.ok = vmft.CreateHLInfo(dir.win(name).c_str(), letter, L'V');
   out.file = dir.Exists(name) ? dir.Read(name) : "(none)";
-  out.progress = progress.str();
   out.console = faults.captured_stdout().str();
   out.trace = trace.lines();
   return out;
-}
-
-const std::string kHead = "; Varnel generated file for (HOST) - do not edit\r\n; Generated on 00 Jan 1900 at 00:00:00\r\n\r\n";
-
-TEST(CreateHLInfo, WritesEveryFileWithSeveralNamesFoundInTheMft) {
-  // 4096-byte records on 4096-byte sectors (mkntfs -s 4096): record 17 is odd.
-  test::ScanVolume v(4096, 4096, 16 + 24 + 2, {{16, 24}});
-  v.PutRecord(17, kFile, 3);
-  v.PutRecord(18, kFile, 2);
-  const Outcome out = CreateHLInfo(v.image(), 4096,
-                                   {{1ull << 48 | 17, {L"\\Windows\\a.dll", L"\\Windows\\WinSxS\\x\\a.dll"}, 10},
-                                    {1ull << 48 | 18, {L"\\b.txt", L"\\Windows\\Temp\\b.txt"}, 3}});
-  EXPECT_TRUE(out.ok);
-  EXPECT_EQ(out.file, kHead + "[000000000011]\r\nFile0=C:\\Windows\\a.dll\r\nFile1=C:\\Windows\\WinSxS\\x\\a.dll\r\n"
-                              "Count=2\r\nSize=10\r\n[Totals]\r\nSections=1\r\nBytes=10\r\n");
-  EXPECT_NE(out.progress.find(L"\t... progress 100%\n"), std::wstring::npos);
-  EXPECT_TRUE(out.Traced(L"[I]: VMFT::CreateHLInfo : MFT starts at sector : MftSector = 16"));
-  EXPECT_TRUE(out.Traced(L"[I]: MFT::GetHardLinkList : uiTotalMftSectors = 24"));  // the boot sector's record size
 }
 
 // Nothing found leaves an old file as it was; a scan that fails adds nothing and does
@@ -106,27 +82,12 @@ TEST(CreateHLInfo, NothingFoundAndFailures) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.trace);
-    const Outcome out = CreateHLInfo(c.image, 512, table, c.letter, c.fault, "old", c.name);
+    const Outcome out = CreateHLInfo(c.image, table, c.letter, c.fault, c.name);
     EXPECT_EQ(out.ok, c.ok);
     EXPECT_TRUE(out.Traced(c.trace));
     EXPECT_EQ(out.file, c.file);
     EXPECT_EQ(out.console.empty(), c.image != bitlocker);
   }
-}
-
-TEST(CreateHLInfo, ABitLockerVolumeIsWalkedThroughTheSnapshotLetter) {
-  const auto bitlocker = test::ReadFileBytes(test::SharedImage("bitlocker/bitlk-aes-xts-128.first64k"));
-  const Outcome out = CreateHLInfo(bitlocker, 512, {{5ull << 48 | 77, {L"\\Windows\\a.dll", L"\\ProgramData\\b.dll"}, 7}},
-                                   L'C', nullptr, "", "hl.ini", [](FakeFilesEnv& files) {
-                                     files.variables = {{L"ProgramData", L"C:\\ProgramData"},
-                                                        {L"ProgramFiles", L"C:\\Program Files"}};
-                                     files.folders = {L"\\Program Files", L"\\Users"};
-                                   });
-  EXPECT_TRUE(out.ok);
-  EXPECT_EQ(out.console, L"BitLocker boot sector detected ... using legacy hard-link scan\n");
-  // Keyed by the file index, sequence number included; names under the Windows letter.
-  EXPECT_EQ(out.file, kHead + "[500000000004d]\r\nFile0=C:\\ProgramData\\b.dll\r\nFile1=C:\\Windows\\a.dll\r\n"
-                              "Count=2\r\nSize=7\r\n[Totals]\r\nSections=1\r\nBytes=7\r\n");
 }
 
 }  // namespace

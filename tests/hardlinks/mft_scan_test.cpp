@@ -11,7 +11,6 @@
 
 #include "api/extent_chain.h"
 #include "hardlinks/scan_volume.h"
-#include "support/disk_image.h"
 #include "mft/mft.h"
 #include "support/fake_files_env.h"
 #include "support/image_env.h"
@@ -177,35 +176,6 @@ TEST(GetHardLinkList, ARecordCostsOneReadNoAllocationAndNoTraceAtTheDefaultLevel
   EXPECT_EQ(large.reads, 1 + 256);
   EXPECT_EQ(large.allocations, small.allocations);
   EXPECT_EQ(large.trace.size(), small.trace.size());
-}
-
-// Windows-made MFTs put on a volume at cluster 4, their record 0's run list (at 0x140
-// in both) rewritten to say so.
-std::vector<std::byte> AroundMft(const char* file, std::uint8_t sectors_per_cluster,
-                                 const std::vector<std::uint8_t>& runs) {
-  auto mft = test::ReadFileBytes(test::SharedImage(file));
-  for (std::size_t i = 0; i < 16; ++i) mft[0x140 + i] = std::byte{i < runs.size() ? runs[i] : std::uint8_t{0}};
-  std::vector<std::byte> image = test::DiskImage(4 * sectors_per_cluster)
-                                     .Boot(0, boot::kNtfsOemId, sectors_per_cluster, 4)
-                                     .Put(boot::kClustersPerFileRecord, 0xF6, 1)  // 1024-byte records
-                                     .bytes();
-  image.insert(image.end(), mft.begin(), mft.end());
-  image.resize(image.size() + sectors_per_cluster * 512);
-  return image;
-}
-
-TEST(GetHardLinkList, RealMfts) {
-  // 628 records in 2 KiB clusters, two runs: files 34 (3 names) and 485 (4 names,
-  // extension record 432) among many whose second name is a DOS name.
-  Scan scan = RunScan(AroundMft("mft-files/xw.MFT", 4, {0x12, 0x08, 0x01, 0x04, 0x21, 0x32, 0x08, 0x01}), 512);
-  EXPECT_EQ(std::count(scan.keys.begin(), scan.keys.end(), 34) + std::count(scan.keys.begin(), scan.keys.end(), 485), 2);
-  EXPECT_EQ(std::count(scan.keys.begin(), scan.keys.end(), 432), 0);
-  EXPECT_TRUE(scan.Traced(L"[V]: MFT::GetHardLinkList : Record is extension ... skipping"));
-  EXPECT_TRUE(scan.Traced(L"[I]: MFT::GetHardLinkList : uiProcessedMftSectors = 628"));
-  // 256 records in 4 KiB clusters: file 38 alone has two names.
-  scan = RunScan(AroundMft("mft-files/libfsntfs-mft_metadata_file.1", 8, {0x11, 0x40, 0x04}), 512);
-  EXPECT_EQ(scan.keys, Keys{38});
-  EXPECT_TRUE(scan.Traced(L"[I]: MFT::GetHardLinkList : uiProcessedMftSectors = 256"));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "mft/record_fixture.h"
+#include "support/disk_image.h"
 
 namespace koru::test {
 
@@ -17,13 +18,12 @@ class ScanVolume {
   using Runs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;  // (first cluster, clusters)
 
   ScanVolume(std::uint32_t sector, std::uint32_t record, std::uint64_t sectors, const Runs& runs)
-      : record_(record), mft_(std::uint64_t{runs.at(0).first} * sector), image_(sectors * sector) {
-    PutText(image_, 3, "NTFS    ");
-    Put16(image_, 0x0B, static_cast<std::uint16_t>(sector));
-    image_[0x0D] = std::byte{1};
-    Put64(image_, 0x30, runs[0].first);
-    image_[0x40] = static_cast<std::byte>(256 - std::countr_zero(record));  // 2^-n bytes
-    Put16(image_, 510, 0xAA55);
+      : record_(record),
+        mft_(std::uint64_t{runs.at(0).first} * sector),
+        image_(DiskImage(sectors, sector)
+                   .Boot(0, boot::kNtfsOemId, 1, runs[0].first)
+                   .Put(boot::kClustersPerFileRecord, 256 - std::countr_zero(record), 1)  // 2^-n bytes
+                   .bytes()) {
     std::vector<std::uint8_t> list;
     std::int64_t previous = 0;
     for (const auto& [first, clusters] : runs) {
