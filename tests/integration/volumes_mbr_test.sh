@@ -52,6 +52,7 @@ v = json.loads(sys.argv[1])
 assert [x["letter"] for x in v] == ["C", "D", "E", "F"], v
 assert [x["disk"] for x in v] == [0, 0, 1, 1], v
 assert len({x["volume_name"] for x in v}) == 4, v
+assert v[0]["volume_name"].startswith("\\\\?\\Volume{1234ABCD-"), v  # the first disk keeps its own
 PY
 ours=$("$VMFT" --disk "$disk" --disk "$clone" ranges F) || fail "vmft ranges F on the clone"
 theirs=$(tsk_mft_ranges "$clone" 51200 512)
