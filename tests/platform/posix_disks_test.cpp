@@ -1,5 +1,5 @@
-// PosixEnv's disks: the --disk, --volume and environment arguments, images attached
-// as \\.\PhysicalDriveN and read by the core, and the order of the machine's disks.
+// PosixEnv's disks: the --disk, --volume and environment arguments and the order of
+// the machine's disks. volumes_mbr_test.sh reads a disk and its clone through them.
 #include "platform/posix_disks.h"
 
 #include <gtest/gtest.h>
@@ -8,8 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "disk/boot_sector.h"
-#include "disk/volume.h"
 #include "koru_mft/tool.h"
 #include "support/disk_image.h"
 #include "support/temp_dir.h"
@@ -29,10 +27,6 @@ class Disks : public koru::test::TempDir {
     const std::string name = "disk" + std::to_string(count_++);
     TempDir::Write(name, std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
     return (*this / name).string();
-  }
-  void Attach(const Image& bytes) {
-    std::string error;
-    ASSERT_TRUE(koru::tool::AttachDisk(Write(bytes), &error)) << error;
   }
 
  private:
@@ -91,29 +85,6 @@ TEST(PosixDisks, EnvironmentAttachesDisksAndPinsLetters) {
   EXPECT_EQ(std::make_tuple(volumes[1].letter, volumes[1].disk, volumes[1].bytes_per_sector),
             std::make_tuple(L'K', 0u, 512u));
   EXPECT_NE(volumes[0].volume_name, volumes[1].volume_name);
-}
-
-// A disk and a clone of it whose second volume has moved on: each letter leads the
-// core to its own disk and boot sector.
-TEST(PosixDisks, ADiskAndItsCloneKeepTheirOwnVolumes) {
-  DiskImage a(16384);
-  a.Signature(0xCAFEF00D).Entry(0, 0, 0x07, 2048, 4096).Entry(0, 1, 0x07, 8192, 4096).Boot(2048).Boot(8192);
-  const Image b = DiskImage(a).Boot(8192, koru::boot::kNtfsOemId, 8, 100);
-  Disks disks;
-  disks.Attach(a);
-  disks.Attach(b);
-  std::vector<std::uint64_t> mft_sectors;
-  for (const wchar_t letter : {L'C', L'D', L'E', L'F'}) {
-    std::vector<DISK_EXTENT> extents;
-    ASSERT_TRUE(koru::GetVolumeDiskExtentList(letter, extents));
-    ASSERT_EQ(extents.size(), 1u);
-    koru::BootSector boot{512, 0};
-    std::uint64_t sector = 0;
-    ASSERT_TRUE(boot.GetMftSector({extents[0].DiskNumber, static_cast<std::uint64_t>(extents[0].StartingOffset) / 512},
-                                  sector));
-    mft_sectors.push_back(extents[0].DiskNumber * 100000 + sector);
-  }
-  EXPECT_EQ(mft_sectors, (std::vector<std::uint64_t>{2048 + 32, 8192 + 32, 100000 + 2048 + 32, 100000 + 8192 + 800}));
 }
 
 TEST(PosixDisks, MachineDisksAreNumberedLikeWindowsWould) {
