@@ -27,34 +27,7 @@ std::wstring Dump(const std::vector<std::byte>& record, std::uint64_t sector = 7
 
 bool Has(const std::wstring& text, const std::wstring& part) { return text.find(part) != std::wstring::npos; }
 
-TEST(RecordDump, HeaderFieldsAsTheyLieOnTheDisk) {
-  RecordFixture r;
-  std::vector<std::byte>& b = r.End().bytes();
-  Put16(b, layout::kRecUsaOffset, 0x30);
-  Put16(b, layout::kRecSequence, 5);
-  Put16(b, layout::kRecLinkCount, 2);
-  Put16(b, layout::kRecFlags, 3);
-  Put32(b, layout::kRecBytesInUse, 400);
-  Put32(b, layout::kRecBytesAllocated, 1024);
-  Put32(b, layout::kRecBaseRecordLo, 70000);
-  Put16(b, layout::kRecBaseRecordHi, 1);
-  Put16(b, layout::kRecBaseSequence, 3);
-  Put16(b, layout::kRecNextAttributeId, 6);
-  Put32(b, layout::kRecNumber, 42);
-  Put16(b, layout::kRecSectorEnd1, 0xABCD);
-  EXPECT_EQ(Dump(r.OnDisk(0x1234)),
-            L"\n" + std::wstring(140, L'=') + L"\n" +
-                Fields({{L"Absolute Sectors", L"7 & 8"}, {L"Record Signature", L"[FILE]"},
-                        {L"Offset to update sequence array", L"48"}, {L"Size of update sequence array", L"3"},
-                        {L"Sequence Number", L"5"}, {L"Hard-link count", L"2"}, {L"Offset to first attribute", L"56"},
-                        {L"Flags", L"Record Segment In-Use File Name Index Present"},
-                        {L"Actual size of MFT entry", L"400"}, {L"Allocated size of MFT entry", L"1024"},
-                        {L"Base File Record Segment", L"Seq=3, Hi=1, Lo=70000"}, {L"Next Attribute Id", L"6"},
-                        {L"MFT Record Number", L"42"}, {L"Update Sequence Number", L"4660"},
-                        {L"Update Sequence Array", L"0x34 0x12 0xcd"}},
-                       33));
-}
-
+// record_windows_test.sh checks every other header field against the record's bytes.
 TEST(RecordDump, HeaderVariants) {
   const struct {
     const char* what;
@@ -72,6 +45,9 @@ TEST(RecordDump, HeaderVariants) {
       {"array cut by the record's end",
        [](auto& b) { Put16(b, layout::kRecUsaOffset, 0x3FE), Put16(b, layout::kRecUsaCount, 0xFFFF); },
        L"Update Sequence Array            : 0x00 0x00\n"},
+      {"base record", [](auto& b) { Put32(b, layout::kRecBaseRecordLo, 70000), Put16(b, layout::kRecBaseRecordHi, 1),
+                                    Put16(b, layout::kRecBaseSequence, 3); },
+       L"Base File Record Segment         : Seq=3, Hi=1, Lo=70000\n"},
       {"first attribute of type 0", [](auto& b) { Put32(b, 0x38, 0); }, L"MFT Record Number                : 17\n"},
   };
   for (const auto& c : cases) {
