@@ -22,6 +22,8 @@ Bytes WithText(std::size_t size, std::size_t at, std::string_view text) {
   return out;
 }
 
+// containers_answers_test.sh reads VHD (dynamic and fixed), VHDX, VMDK, E01 sets and
+// split raw; what is left is near misses, Ex01 and sets refused.
 TEST(PosixImage, ContainersAreKnownByTheirSignaturesInPlaceAndWholeAndAnythingElseIsRaw) {
   const std::string ewf(koru::image::kEwfSignature, 8);
   const Bytes none(512);
@@ -30,13 +32,8 @@ TEST(PosixImage, ContainersAreKnownByTheirSignaturesInPlaceAndWholeAndAnythingEl
     Bytes head, tail;
     ImageFormat format;
   } cases[] = {
-      {"VHDX", WithText(512, 0, "vhdxfile"), none, ImageFormat::kVhdx},
-      {"dynamic VHD", WithText(512, 0, "conectix"), none, ImageFormat::kVhd},
-      {"fixed VHD", none, WithText(512, 0, "conectix"), ImageFormat::kVhd},
       {"VHD with a 511-byte footer", none, WithText(512, 1, "conectix"), ImageFormat::kVhd},
       {"VHD footer elsewhere", none, WithText(512, 2, "conectix"), ImageFormat::kRaw},
-      {"sparse VMDK", WithText(512, 0, "KDMV"), none, ImageFormat::kVmdk},
-      {"E01", WithText(512, 0, ewf), none, ImageFormat::kE01},
       {"E01 signature without its NUL", WithText(512, 0, ewf.substr(0, 7) + "x"), none, ImageFormat::kRaw},
       {"Ex01", WithText(512, 0, std::string("EVF2\r\n\x81\0", 8)), none, ImageFormat::kEx01},
       {"empty file", {}, {}, ImageFormat::kRaw},
@@ -70,9 +67,6 @@ TEST(PosixImage, SetsAreFoundWholeOrRefusedNamingTheFileAtFault) {
     std::size_t count;   // 0: refused
     std::string reason;  // @ stands for the folder
   } cases[] = {
-      {"one segment", {{"d.E01", Segment(1)}}, ImageFormat::kE01, 1, ""},
-      {"three", {{"d.E01", Segment(1, "next")}, {"d.E02", Segment(2, "next")}, {"d.E03", Segment(3)}},
-       ImageFormat::kE01, 3, ""},
       {"lower case", {{"d.e01", Segment(1, "next")}, {"d.e02", Segment(2)}}, ImageFormat::kE01, 2, ""},
       {"a gap", {{"d.E01", Segment(1, "next")}, {"d.E03", Segment(3)}}, ImageFormat::kE01, 0,
        "segment @/d.E02 of the EnCase set is missing"},
