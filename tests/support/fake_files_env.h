@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
-#include <cwctype>
 #include <functional>
 #include <map>
 #include <optional>
@@ -103,15 +102,15 @@ class FakeFilesEnv : public FaultEnv {
     const auto dir = VolumePath(pattern);
     if (!dir || dir->size() < 2 || dir->substr(dir->size() - 2) != L"\\*") return FaultEnv::FindFirstFileW(pattern, data);
     if (auto f = fail_search.find(dir->substr(0, dir->size() - 2)); f != fail_search.end()) return FailHandle(f->second);
-    const std::wstring base = Fold(dir->substr(0, dir->size() - 2)) + L"\\";
+    const std::wstring base = Lower(dir->substr(0, dir->size() - 2)) + L"\\";
     std::map<std::wstring, Entry> below;
     auto add = [&](const std::wstring& name, bool folder) {
-      if (Fold(name).rfind(base, 0) != 0 || name.size() <= base.size()) return;
+      if (Lower(name).rfind(base, 0) != 0 || name.size() <= base.size()) return;
       const std::size_t end = name.find(L'\\', base.size());
       const std::wstring path = name.substr(0, end);
       DWORD attributes = end != std::wstring::npos || folder ? platform::kFileAttributeDirectory : 0;
       if (reparse.count(path)) attributes |= platform::kFileAttributeReparsePoint;
-      below.emplace(Fold(path), Entry{path.substr(base.size()), attributes});
+      below.emplace(Lower(path), Entry{path.substr(base.size()), attributes});
     };
     for (const auto& file : files)
       for (const auto& name : file.names) add(name, false);
@@ -204,10 +203,6 @@ class FakeFilesEnv : public FaultEnv {
     std::size_t next = 0;  // a find handle's next name
   };
   static std::uintptr_t Key(HANDLE h) { return reinterpret_cast<std::uintptr_t>(h); }
-  static std::wstring Fold(std::wstring text) {
-    for (auto& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
-    return text;
-  }
   struct Entry {
     std::wstring name;
     DWORD attributes;
@@ -225,12 +220,12 @@ class FakeFilesEnv : public FaultEnv {
   }
   static bool OnVolume(const wchar_t* path) { return VolumePath(path).has_value(); }
   bool IsFolder(const std::wstring& path) const {
-    const std::wstring prefix = Fold(path) + L"\\";
+    const std::wstring prefix = Lower(path) + L"\\";
     for (const auto& folder : folders)
-      if (Fold(folder) == Fold(path)) return true;
+      if (Lower(folder) == Lower(path)) return true;
     for (const auto& file : files)
       for (const auto& name : file.names)
-        if (Fold(name).rfind(prefix, 0) == 0) return true;
+        if (Lower(name).rfind(prefix, 0) == 0) return true;
     return false;
   }
   DWORD Copy(const std::wstring& text, wchar_t* buffer, DWORD size) {
@@ -238,19 +233,11 @@ class FakeFilesEnv : public FaultEnv {
     std::copy(text.c_str(), text.c_str() + text.size() + 1, buffer);
     return static_cast<DWORD>(text.size());
   }
-  bool Fail(DWORD error) {
-    SetLastError(error);
-    return false;
-  }
-  HANDLE FailHandle(DWORD error) {
-    SetLastError(error);
-    return platform::InvalidHandle();
-  }
   std::optional<std::size_t> Lookup(const wchar_t* path) const {
     if (!OnVolume(path)) return std::nullopt;
     for (std::size_t i = 0; i < files.size(); ++i)
       for (const auto& name : files[i].names)
-        if (Fold(name) == Fold(*VolumePath(path))) return i;
+        if (Lower(name) == Lower(*VolumePath(path))) return i;
     return std::nullopt;
   }
   // The name and its terminator, or ERROR_MORE_DATA with the length needed.

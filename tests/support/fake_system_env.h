@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <cwctype>
 #include <map>
 #include <optional>
 #include <string>
@@ -153,13 +152,9 @@ class FakeSystemEnv : public FaultEnv {
   static platform::HMODULE Module(std::uintptr_t id) { return reinterpret_cast<platform::HMODULE>(id); }
   // Case folded, without a trailing backslash.
   static std::wstring Fold(std::wstring text) {
-    for (auto& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
+    text = Lower(std::move(text));
     while (!text.empty() && text.back() == L'\\') text.pop_back();
     return text;
-  }
-  bool Fail(DWORD error) {
-    SetLastError(error);
-    return false;
   }
   // Win32 copy-out: truncated and terminated, with the full size and error 122 when short.
   UINT Copy(const std::wstring& text, wchar_t* buffer, UINT size) {

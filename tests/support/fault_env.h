@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <cwctype>
 #include <functional>
 #include <map>
 #include <sstream>
+#include <string>
 #include <vector>
 
 #include "platform/env.h"
@@ -169,6 +171,15 @@ class FaultEnv : public platform::Env {
   bool LookupPrivilegeValueW(const wchar_t* n, platform::Luid* l) override { return inner_.LookupPrivilegeValueW(n, l); }
   std::wostream& StdOut() override { return stdout_; }  // captured instead
   std::wostream& StdErr() override { return stderr_; }
+
+ protected:
+  // For the fakes built on top: a Win32 failure with its last error, and names compared without case.
+  bool Fail(DWORD error) { return SetLastError(error), false; }
+  platform::HANDLE FailHandle(DWORD error) { return SetLastError(error), platform::InvalidHandle(); }
+  static std::wstring Lower(std::wstring text) {
+    for (auto& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
+    return text;
+  }
 
  private:
   enum class Kind { kFail, kShortRead, kSeekOff };

@@ -19,11 +19,6 @@ ImageEnv::ImageEnv(platform::Env& inner, std::vector<std::byte> image, std::uint
   map_ = platform::DiskMap({disk}, {});
 }
 
-bool ImageEnv::Fail(DWORD error) {
-  inner_.SetLastError(error);
-  return false;
-}
-
 ImageEnv::Open* ImageEnv::Find(platform::HANDLE handle) {
   auto it = open_.find(reinterpret_cast<std::uintptr_t>(handle));
   return it == open_.end() ? nullptr : &it->second;
@@ -36,14 +31,9 @@ platform::HANDLE ImageEnv::CreateFileW(const wchar_t* path, DWORD access, DWORD 
     return FaultEnv::CreateFileW(path, access, share, disposition, flags);
   Open open;
   DWORD error = platform::kErrorFileNotFound;
-  if (!map_.Resolve(name, &open.device, &error)) {
-    Fail(error);
-    return platform::InvalidHandle();
-  }
-  if ((access & (platform::kGenericWrite | platform::kFileAppendData)) != 0) {
-    Fail(platform::kErrorAccessDenied);  // disks are only ever read
-    return platform::InvalidHandle();
-  }
+  if (!map_.Resolve(name, &open.device, &error)) return FailHandle(error);
+  if ((access & (platform::kGenericWrite | platform::kFileAppendData)) != 0)
+    return FailHandle(platform::kErrorAccessDenied);  // disks are only ever read
   const std::uintptr_t id = (next_ += 4);
   open_[id] = open;
   inner_.SetLastError(platform::kErrorSuccess);

@@ -39,7 +39,6 @@ class ImageEnv : public FaultEnv {
     std::int64_t position = 0;
   };
   Open* Find(platform::HANDLE handle);  // nullptr: not one of ours
-  bool Fail(DWORD error);
 
   platform::Env& inner_;
   const std::vector<std::byte> image_;
