@@ -23,10 +23,25 @@ bool HostFiles::Lookup(HANDLE handle, OpenFile* file) {
   return true;
 }
 
-void HostFiles::Store(HANDLE handle, const OpenFile& file) {
+bool HostFiles::Lookup(HANDLE handle, Cursor* cursor) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = files_.find(reinterpret_cast<std::uintptr_t>(handle));
-  if (it != files_.end()) it->second.position = file.position;
+  if (it == files_.end()) return false;
+  const OpenFile& file = it->second;
+  cursor->fd = file.fd;
+  cursor->append = file.append;
+  cursor->is_device = file.is_device;
+  cursor->position = file.position;
+  cursor->base = file.device.base;
+  cursor->length = file.device.length;
+  cursor->image = file.device.image;
+  return true;
+}
+
+void HostFiles::Store(HANDLE handle, std::int64_t position) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = files_.find(reinterpret_cast<std::uintptr_t>(handle));
+  if (it != files_.end()) it->second.position = position;
 }
 
 HANDLE HostFiles::Open(const wchar_t* path, DWORD access, DWORD disposition, DWORD* error) {
@@ -79,24 +94,24 @@ HANDLE HostFiles::StoreNew(const OpenFile& file) {
 }
 
 bool HostFiles::Read(HANDLE handle, void* buffer, DWORD to_read, DWORD* read, DWORD* error) {
-  OpenFile file;
+  Cursor file;
   if (read) *read = 0;
   if (!Lookup(handle, &file)) return (*error = kErrorInvalidHandle), false;
   if (buffer == nullptr && to_read > 0) return (*error = kErrorInvalidParameter), false;
   std::int64_t want = to_read;
-  if (file.is_device && file.device.length >= 0) {
+  if (file.is_device && file.length >= 0) {
     // Past the end of a disk or volume is a short read, as on Windows.
-    want = std::max<std::int64_t>(0, std::min<std::int64_t>(want, file.device.length - file.position));
+    want = std::max<std::int64_t>(0, std::min<std::int64_t>(want, file.length - file.position));
   }
-  const std::int64_t base = file.is_device ? file.device.base : 0;
+  const std::int64_t base = file.is_device ? file.base : 0;
   std::int64_t done = 0;
   auto* out = static_cast<unsigned char*>(buffer);
-  if (file.device.image) {
-    done = file.device.image->Read(static_cast<std::uint64_t>(base + file.position),
-                                   std::span(reinterpret_cast<std::byte*>(out), static_cast<std::size_t>(want)));
+  if (file.image) {
+    done = file.image->Read(static_cast<std::uint64_t>(base + file.position),
+                            std::span(reinterpret_cast<std::byte*>(out), static_cast<std::size_t>(want)));
     if (done < 0) return (*error = kErrorReadFault), false;
   }
-  while (!file.device.image && done < want) {
+  while (!file.image && done < want) {
     const ssize_t n = ::pread(file.fd, out + done, static_cast<std::size_t>(want - done),
                               static_cast<off_t>(base + file.position + done));
     if (n < 0) {
@@ -107,13 +122,13 @@ bool HostFiles::Read(HANDLE handle, void* buffer, DWORD to_read, DWORD* read, DW
     done += n;
   }
   file.position += done;
-  Store(handle, file);
+  Store(handle, file.position);
   if (read) *read = static_cast<DWORD>(done);
   return true;
 }
 
 bool HostFiles::Write(HANDLE handle, const void* buffer, DWORD to_write, DWORD* written, DWORD* error) {
-  OpenFile file;
+  Cursor file;
   if (written) *written = 0;
   if (!Lookup(handle, &file)) return (*error = kErrorInvalidHandle), false;
   if (file.is_device) return (*error = kErrorAccessDenied), false;
@@ -130,20 +145,20 @@ bool HostFiles::Write(HANDLE handle, const void* buffer, DWORD to_write, DWORD* 
     done += n;
   }
   file.position += done;
-  Store(handle, file);
+  Store(handle, file.position);
   if (written) *written = static_cast<DWORD>(done);
   return true;
 }
 
 bool HostFiles::Seek(HANDLE handle, std::int64_t distance, std::int64_t* new_position, DWORD method, DWORD* error) {
-  OpenFile file;
+  Cursor file;
   if (!Lookup(handle, &file)) return (*error = kErrorInvalidHandle), false;
   std::int64_t origin = 0;
   if (method == kFileCurrent) {
     origin = file.position;
   } else if (method == kFileEnd) {
-    if (file.is_device && file.device.length >= 0) {
-      origin = file.device.length;
+    if (file.is_device && file.length >= 0) {
+      origin = file.length;
     } else {
       struct stat st{};
       if (::fstat(file.fd, &st) != 0) return (*error = FromErrno(errno)), false;
@@ -155,7 +170,7 @@ bool HostFiles::Seek(HANDLE handle, std::int64_t distance, std::int64_t* new_pos
   std::int64_t target = 0;
   if (__builtin_add_overflow(origin, distance, &target) || target < 0) return (*error = kErrorNegativeSeek), false;
   file.position = target;
-  Store(handle, file);
+  Store(handle, file.position);
   if (new_position) *new_position = target;
   return true;
 }

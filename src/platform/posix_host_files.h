@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <unordered_map>
 
@@ -36,7 +37,19 @@ class HostFiles {
   bool Lookup(HANDLE handle, OpenFile* file);
 
  private:
-  void Store(HANDLE handle, const OpenFile& file);
+  // What a read, write or seek needs of an open file. Copied under the lock without
+  // the binding's path, so that reading a record allocates nothing.
+  struct Cursor {
+    int fd = -1;
+    bool append = false;
+    bool is_device = false;
+    std::int64_t position = 0;
+    std::int64_t base = 0;    // of the device window
+    std::int64_t length = 0;  // of the device window
+    std::shared_ptr<ContainerImage> image;
+  };
+  bool Lookup(HANDLE handle, Cursor* cursor);
+  void Store(HANDLE handle, std::int64_t position);
   HANDLE StoreNew(const OpenFile& file);
 
   std::mutex mutex_;
