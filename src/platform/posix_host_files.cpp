@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <limits>
 #include <span>
 #include <string>
 
@@ -97,6 +98,33 @@ bool HostFiles::Read(HANDLE handle, void* buffer, DWORD to_read, DWORD* read, DW
   Cursor file;
   if (read) *read = 0;
   if (!Lookup(handle, &file)) return (*error = kErrorInvalidHandle), false;
+  return ReadCursor(handle, file, buffer, to_read, read, error);
+}
+
+ReadResult HostFiles::ReadAt(HANDLE handle, std::uint64_t offset, void* buffer, DWORD size) {
+  ReadResult result;
+  Cursor file;
+  // A seek from the beginning lands where it was sent unless the handle is not open
+  // or the offset, taken as signed, is before the start.
+  if (!Lookup(handle, &file)) result.error = kErrorInvalidHandle;
+  else if (offset > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
+    result.error = kErrorNegativeSeek;
+  if (result.error != kErrorSuccess) {
+    result.step = ReadResult::kSeekFailed;
+    return result;
+  }
+  file.position = static_cast<std::int64_t>(offset);
+  if (!ReadCursor(handle, file, buffer, size, &result.bytes, &result.error)) {
+    Store(handle, file.position);  // where the seek left it
+    result.step = ReadResult::kReadFailed;
+  } else if (result.bytes != size) {
+    result.step = ReadResult::kShortRead;
+  }
+  return result;
+}
+
+bool HostFiles::ReadCursor(HANDLE handle, Cursor& file, void* buffer, DWORD to_read, DWORD* read, DWORD* error) {
+  if (read) *read = 0;
   if (buffer == nullptr && to_read > 0) return (*error = kErrorInvalidParameter), false;
   std::int64_t want = to_read;
   if (file.is_device && file.length >= 0) {

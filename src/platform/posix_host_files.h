@@ -30,6 +30,9 @@ class HostFiles {
   HANDLE Open(const wchar_t* path, DWORD access, DWORD disposition, DWORD* error);
   bool Read(HANDLE handle, void* buffer, DWORD to_read, DWORD* read, DWORD* error);
   bool Write(HANDLE handle, const void* buffer, DWORD to_write, DWORD* written, DWORD* error);
+  // Seek from the beginning to `offset`, then Read, in one lookup and one pread: the
+  // answers the two calls give, and the handle left where they leave it.
+  ReadResult ReadAt(HANDLE handle, std::uint64_t offset, void* buffer, DWORD size);
   bool Seek(HANDLE handle, std::int64_t distance, std::int64_t* new_position, DWORD method, DWORD* error);
   bool Size(HANDLE handle, std::int64_t* size, DWORD* error);
   bool Close(HANDLE handle, DWORD* error);
@@ -50,6 +53,8 @@ class HostFiles {
   };
   bool Lookup(HANDLE handle, Cursor* cursor);
   void Store(HANDLE handle, std::int64_t position);
+  // Read's read at the cursor's position, which it then stores.
+  bool ReadCursor(HANDLE handle, Cursor& file, void* buffer, DWORD to_read, DWORD* read, DWORD* error);
   HANDLE StoreNew(const OpenFile& file);
 
   std::mutex mutex_;
