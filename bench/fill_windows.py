@@ -43,11 +43,17 @@ def size():
     return rng.randrange(8192, 65536)
 
 
-CHUNK = os.urandom(65536)
+def payload_size():
+    # WinSxS payloads (the files that get the other names) are DLLs and drivers: never
+    # resident, so their names fit the record as on Windows, without an attribute list.
+    return rng.randrange(1024, 32768) if rng.random() < 0.85 else rng.randrange(32768, 131072)
 
 
-def make_file(path):
-    n = size()
+CHUNK = os.urandom(131072)
+
+
+def make_file(path, n=None):
+    n = size() if n is None else n
     fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o644)
     if n:
         os.write(fd, CHUNK[:n])
@@ -183,7 +189,7 @@ for path, files, links in work:
         make_file(os.path.join(path, name))
     for name, others in links:
         base = os.path.join(path, name)
-        make_file(base)
+        make_file(base, payload_size())
         pending_links.append((base, others, os.path.splitext(name)[1]))
 # The other names come later, in an order of their own (servicing stacks link at install).
 rng.shuffle(pending_links)

@@ -6,6 +6,8 @@
 //     ranges REPS        VMFT::GetMFTSectorRanges of C:, REPS calls
 //     record COUNT       VMFT::ReadMFTRecord of C:'s first COUNT records, dumped to nowhere
 //     scan               the MFT scan of the hard-link inventory (MFT::GetHardLinkList) of C:
+//     pread              C:'s MFT read from the raw image as the scan reads it, one pread per
+//                        record and nothing else: the floor of one read per record
 //     hlinfo FILE        VMFT::CreateHLInfo(FILE, C, C), the whole inventory
 //     exec CMD ARG...    a command with its output to /dev/null (its time and peak memory)
 //
@@ -66,7 +68,7 @@ class NullBuffer : public std::wstreambuf {
 
 int Usage() {
   std::cerr << "usage: koru_bench [--disk IMG[:SECTOR_SIZE]]... [--trace-level N] "
-               "ranges REPS | record COUNT | scan | hlinfo FILE | exec CMD ARG...\n";
+               "ranges REPS | record COUNT | scan | pread | hlinfo FILE | exec CMD ARG...\n";
   return 2;
 }
 
@@ -147,6 +149,28 @@ int Scan() {
   return 0;
 }
 
+int Pread(const std::string& image) {
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> ranges;
+  koru::tool::MftGeometry geometry;
+  if (MftRecords(&ranges, &geometry) == 0) return 1;
+  const int fd = open(image.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 1;
+  std::vector<char> record(geometry.bytes_per_record);
+  const std::uint64_t step = std::max<std::uint64_t>(1, geometry.bytes_per_record / geometry.bytes_per_sector);
+  std::uint64_t count = 0;
+  g_cpu_start = CpuSeconds();
+  const auto start = Clock::now();
+  for (const auto& [first, end] : ranges) {
+    for (std::uint64_t s = first; s < end; s += step, ++count) {
+      const auto offset = static_cast<off_t>(s * geometry.bytes_per_sector);
+      if (pread(fd, record.data(), record.size(), offset) != static_cast<ssize_t>(record.size())) return 1;
+    }
+  }
+  Report("pread", Since(start), count);
+  close(fd);
+  return 0;
+}
+
 int HlInfo(const std::string& file) {
   NullBuffer nothing;
   std::wostream progress(&nothing);
@@ -185,9 +209,16 @@ int Exec(char** argv) {
 int main(int argc, char** argv) {
   int i = 1;
   long level = -1;
+  std::string image;
   for (; i + 1 < argc && argv[i][0] == '-'; i += 2) {
     const std::string option = argv[i];
     if (option == "--disk") {
+      if (image.empty()) {  // PATH[:SECTOR_SIZE]
+        image = argv[i + 1];
+        const std::size_t colon = image.rfind(':');
+        if (colon != std::string::npos && image.find_first_not_of("0123456789", colon + 1) == std::string::npos)
+          image.erase(colon);
+      }
       std::string error;
       if (!koru::tool::AttachDisk(argv[i + 1], &error)) {
         std::cerr << "koru_bench: cannot attach " << argv[i + 1] << ": " << error << "\n";
@@ -209,6 +240,7 @@ int main(int argc, char** argv) {
   if (mode == "ranges" && i + 1 < argc) return Ranges(std::strtol(argv[i + 1], nullptr, 10));
   if (mode == "record" && i + 1 < argc) return Records(std::strtoull(argv[i + 1], nullptr, 10));
   if (mode == "scan") return Scan();
+  if (mode == "pread") return Pread(image);
   if (mode == "hlinfo" && i + 1 < argc) return HlInfo(argv[i + 1]);
   return Usage();
 }
