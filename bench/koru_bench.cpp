@@ -153,7 +153,9 @@ int Pread(const std::string& image) {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> ranges;
   koru::tool::MftGeometry geometry;
   if (MftRecords(&ranges, &geometry) == 0) return 1;
-  const int fd = open(image.c_str(), O_RDONLY | O_CLOEXEC);
+  // Opened as PosixEnv opens a disk.
+  int fd = open(image.c_str(), O_RDONLY | O_CLOEXEC | O_NOATIME);
+  if (fd < 0) fd = open(image.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return 1;
   std::vector<char> record(geometry.bytes_per_record);
   const std::uint64_t step = std::max<std::uint64_t>(1, geometry.bytes_per_record / geometry.bytes_per_sector);

@@ -36,24 +36,33 @@ def run(argv):
     return dict(kv.split("=", 1) for kv in out.split())
 
 
-def measure(argv, reps=args.reps):
-    """Best time of `reps` runs after a warm-up; the largest peak memory."""
-    run(argv)
-    results = [run(argv) for _ in range(reps)]
-    seconds = [float(r["seconds"]) for r in results]
-    last = results[-1]
-    last["best"] = min(seconds)
-    last["median"] = statistics.median(seconds)
-    last["mib"] = max(int(r["maxrss_kib"]) for r in results) / 1024
-    return last
+def measure(*argvs, reps=args.reps):
+    """For each command, the best time of `reps` runs after a warm-up and the largest
+    peak memory. The commands take turns, so that a figure and its comparison share
+    whatever else the machine was doing."""
+    for argv in argvs:
+        run(argv)
+    results = [[] for _ in argvs]
+    for _ in range(reps):
+        for i, argv in enumerate(argvs):
+            results[i].append(run(argv))
+    out = []
+    for runs in results:
+        seconds = [float(r["seconds"]) for r in runs]
+        last = dict(runs[-1])
+        last["best"] = min(seconds)
+        last["median"] = statistics.median(seconds)
+        last["mib"] = max(int(r["maxrss_kib"]) for r in runs) / 1024
+        out.append(last)
+    return out if len(out) > 1 else out[0]
 
 
 def koru(image, *mode, level=3):
-    return measure([bench, "--disk", image, "--trace-level", str(level), *mode])
+    return [bench, "--disk", image, "--trace-level", str(level), *mode]
 
 
 def tool(*command):
-    return measure([bench, "exec", *command])
+    return [bench, "exec", *command]
 
 
 def mft_ranges(image):
@@ -92,15 +101,14 @@ load_before = load()
 started = datetime.datetime.now(datetime.timezone.utc)
 
 # --- GetMFTSectorRanges and ReadMFTRecord --------------------------------------------
-r = koru(BIG, "ranges", "200")
-calls = {"ranges": (r, koru(BIG, "ranges", "200", level=0))}
-t = tool("istat", "-f", "ntfs", BIG, "0")
+r, r0, t = measure(koru(BIG, "ranges", "200"), koru(BIG, "ranges", "200", level=0), tool("istat", "-f", "ntfs", BIG, "0"))
+calls = {"ranges": (r, r0)}
 per = r["best"] / int(r["count"])
 add("GetMFTSectorRanges (big.img), per call", "%.0f µs" % (per * 1e6), "istat 0: %.0f µs (a process)" % (t["best"] * 1e6),
     "%.2f" % (per / t["best"]), "%s / %s" % (mib(r["mib"]), mib(t["mib"])), "")
-r = koru(BIG, "record", "5000")
-calls["record"] = (r, koru(BIG, "record", "5000", level=0))
-t = tool("istat", "-f", "ntfs", BIG, "1000")
+r, r0, t = measure(koru(BIG, "record", "5000"), koru(BIG, "record", "5000", level=0),
+                  tool("istat", "-f", "ntfs", BIG, "1000"))
+calls["record"] = (r, r0)
 per = r["best"] / int(r["count"])
 add("ReadMFTRecord (big.img), per record dumped", "%.0f µs" % (per * 1e6),
     "istat N: %.0f µs (a process)" % (t["best"] * 1e6), "%.2f" % (per / t["best"]),
@@ -113,12 +121,10 @@ def verdict(checks):
 
 scans = {}
 for name, image in (("mft1m.img", MFT1M), ("big.img", BIG)):
-    s = koru(image, "scan")
-    scans[name] = s
+    s, s0, d, p, i = measure(koru(image, "scan"), koru(image, "scan", level=0), tool(*dd_command(image, mft_ranges(image))),
+                             koru(image, "pread"), tool("ils", "-e", "-f", "ntfs", image))
+    scans[name] = (s, s0)
     records = int(s["count"])
-    d = tool(*dd_command(image, mft_ranges(image)))
-    p = koru(image, "pread")
-    i = tool("ils", "-e", "-f", "ntfs", image)
     checks = [(">= 1 M records/s", records / s["best"] >= 1e6), ("<= 3 x dd", s["best"] <= 3 * d["best"])]
     if name == "mft1m.img":
         checks.append(("< 64 MiB", s["mib"] < 64))
@@ -134,25 +140,22 @@ for name, image in (("mft1m.img", MFT1M), ("big.img", BIG)):
         "%s / %s" % (mib(s["mib"]), mib(i["mib"])), "")
 
 # --- containers against the raw image --------------------------------------------------
-raw = scans["big.img"]
 for name, image in (("big.vhdx", BIG_VHDX), ("big.E01", BIG_E01)):
-    s = koru(image, "scan")
+    s, raw = measure(koru(image, "scan"), koru(BIG, "scan"))
     add("MFT scan (%s)" % name, rate(int(s["count"]), s["best"]) + " (%.3f s)" % s["best"],
         "raw image: %.3f s" % raw["best"], "%.2f x raw" % (s["best"] / raw["best"]),
         "%s / %s" % (mib(s["mib"]), mib(raw["mib"])), verdict([("<= 2 x raw", s["best"] <= 2 * raw["best"])]))
 
 # --- CreateHLInfo end to end against fls -r -p -------------------------------------------
 out = os.path.join(work, "big.ini")
-h = koru(BIG, "hlinfo", out)
-f = tool("fls", "-r", "-p", "-f", "ntfs", BIG)
+h, h0, f = measure(koru(BIG, "hlinfo", out), koru(BIG, "hlinfo", out, level=0), tool("fls", "-r", "-p", "-f", "ntfs", BIG))
 sections = sum(1 for line in open(out, "rb") if line.startswith(b"Count="))
 add("CreateHLInfo (big.img, %d sections)" % sections, "%.3f s" % h["best"], "fls -r -p: %.3f s" % f["best"],
     "%.2f x fls" % (h["best"] / f["best"]), "%s / %s" % (mib(h["mib"]), mib(f["mib"])),
     verdict([("<= 1 x fls", h["best"] <= f["best"])]))
 
 # --- tracing: level 3 (the default) against 0 --------------------------------------------
-s0 = koru(MFT1M, "scan", level=0)
-s3 = scans["mft1m.img"]
+s3, s0 = scans["mft1m.img"]
 add("Tracing, MFT scan (mft1m.img): level 3 vs 0", "%.3f s" % s3["best"], "level 0: %.3f s" % s0["best"],
     "%+.1f %%" % ((s3["best"] / s0["best"] - 1) * 100), "%s / %s" % (mib(s3["mib"]), mib(s0["mib"])),
     verdict([("< 5 %", s3["best"] < 1.05 * s0["best"])]))
@@ -162,7 +165,6 @@ for what, mode in (("GetMFTSectorRanges", "ranges"), ("ReadMFTRecord", "record")
     add("Tracing, %s per call: level 3 vs 0" % what, "%.0f µs" % (c3["best"] / n * 1e6),
         "level 0: %.0f µs" % (c0["best"] / n * 1e6), "%+.1f %%" % ((c3["best"] / c0["best"] - 1) * 100),
         "%s / %s" % (mib(c3["mib"]), mib(c0["mib"])), verdict([("< 5 %", c3["best"] < 1.05 * c0["best"])]))
-h0 = koru(BIG, "hlinfo", out, level=0)
 add("Tracing, CreateHLInfo (big.img): level 3 vs 0", "%.3f s" % h["best"], "level 0: %.3f s" % h0["best"],
     "%+.1f %%" % ((h["best"] / h0["best"] - 1) * 100), "%s / %s" % (mib(h["mib"]), mib(h0["mib"])),
     verdict([("< 5 %", h["best"] < 1.05 * h0["best"])]))
@@ -184,7 +186,8 @@ machine = [
     "- compiler: %s; build: Release (-O3)" % text("c++ --version | head -1"),
     "- The Sleuth Kit %s; %s" % (text("fls -V | sed 's/.*version //'"), text("qemu-img --version | head -1")),
     "- commit: %s" % text("git -C %s log -1 --format='%%h %%s'" % os.path.dirname(os.path.abspath(__file__))),
-    "- run: %s UTC, best of %d runs each after one warm-up (page cache warm)" % (started.strftime("%Y-%m-%d %H:%M"), args.reps),
+    "- run: %s UTC, best of %d runs each after one warm-up (page cache warm), a figure and its comparisons"
+    " taking turns" % (started.strftime("%Y-%m-%d %H:%M"), args.reps),
     "- load average (1, 5, 15 min): %s before, %s after" % (load_before, load_after),
 ]
 table = ["| What | KORU_MFT | Comparison | Ratio | Peak memory (ours / theirs) | Target |",
