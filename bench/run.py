@@ -183,8 +183,8 @@ cpu = text("lscpu | sed -n 's/^Model name: *//p' | head -1")
 machine = [
     "- CPU: %s, %s cores online; %s" % (cpu, os.cpu_count(), text("lscpu | sed -n 's/^Hypervisor vendor: *//p'") or "bare metal"),
     "- memory: %s; kernel %s" % (text("free -h | awk '/^Mem:/ {print $2}'"), platform.release()),
-    "- compiler: %s; build: Release (-O3)" % text("c++ --version | head -1"),
-    "- The Sleuth Kit %s; %s" % (text("fls -V | sed 's/.*version //'"), text("qemu-img --version | head -1")),
+    "- compiler: %s; build: Release (-O3, with symbols)" % text("c++ --version | head -1"),
+    "- %s; %s; %s" % (text("fls -V"), text("qemu-img --version | head -1"), text("ewfacquire -V | head -1")),
     "- commit: %s" % text("git -C %s log -1 --format='%%h %%s'" % os.path.dirname(os.path.abspath(__file__))),
     "- run: %s UTC, best of %d runs each after one warm-up (page cache warm), a figure and its comparisons"
     " taking turns" % (started.strftime("%Y-%m-%d %H:%M"), args.reps),
