@@ -17,6 +17,8 @@
 namespace platform::posix {
 
 class HostFiles {
+  struct Ahead;
+
  public:
   struct OpenFile {
     int fd = -1;
@@ -24,6 +26,7 @@ class HostFiles {
     std::int64_t position = 0;
     bool is_device = false;
     DeviceBinding device;
+    std::shared_ptr<Ahead> ahead;  // a disk read through a descriptor
   };
 
   // `path` is not null.
@@ -31,7 +34,8 @@ class HostFiles {
   bool Read(HANDLE handle, void* buffer, DWORD to_read, DWORD* read, DWORD* error);
   bool Write(HANDLE handle, const void* buffer, DWORD to_write, DWORD* written, DWORD* error);
   // Seek from the beginning to `offset`, then Read, in one lookup and one pread: the
-  // answers the two calls give, and the handle left where they leave it.
+  // answers the two calls give, and the handle left where they leave it. A disk's
+  // reads that each start where the last one ended are served from larger reads.
   ReadResult ReadAt(HANDLE handle, std::uint64_t offset, void* buffer, DWORD size);
   bool Seek(HANDLE handle, std::int64_t distance, std::int64_t* new_position, DWORD method, DWORD* error);
   bool Size(HANDLE handle, std::int64_t* size, DWORD* error);
@@ -50,8 +54,21 @@ class HostFiles {
     std::int64_t base = 0;    // of the device window
     std::int64_t length = 0;  // of the device window
     std::shared_ptr<ContainerImage> image;
+    std::shared_ptr<Ahead> ahead;
+  };
+  // The bytes after a disk's last ReadAt, read in one pread when the next one started
+  // where it ended.
+  struct Ahead {
+    std::mutex mutex;
+    std::int64_t next = -1;  // where the last ReadAt ended
+    std::int64_t start = 0;  // of the bytes held, from the window's base
+    std::int64_t filled = 0;
+    std::unique_ptr<unsigned char[]> bytes;
   };
   bool Lookup(HANDLE handle, Cursor* cursor);
+  // ReadAt's read at the cursor's position served from `file.ahead`: false, with
+  // nothing read, unless every byte the read would return is held there.
+  bool ReadAhead(Cursor& file, void* buffer, DWORD size, DWORD* read);
   void Store(HANDLE handle, std::int64_t position);
   // Read's read at the cursor's position, which it then stores.
   bool ReadCursor(HANDLE handle, Cursor& file, void* buffer, DWORD to_read, DWORD* read, DWORD* error);

@@ -99,13 +99,15 @@ TEST_F(OpenedDisk, ReadAtAnswersAsItsSeekAndReadWould) {
   same(one, two, image_.size() + 512, true);
   same(one, two, 8192, false);  // no buffer: the read fails, the seek stays
   same(one, two, std::uint64_t{1} << 63, true);  // before the start, as a signed offset
+  // A run of reads, each where the last one ended, to the end of a volume and past it.
+  const HANDLE v1 = Open(L"\\\\.\\c:"), v2 = Open(L"\\\\.\\c:");
+  for (std::uint64_t at = kMiB - 100 * 1024 - 100; at < kMiB + 512; at += 512) same(v1, v2, at, true);
   const HANDLE closed = Open(L"\\\\.\\PhysicalDrive0");
   env_.CloseHandle(closed);
   const ReadResult gone = env_.ReadAt(closed, 0, a.data(), 512);
   EXPECT_EQ(gone.step, ReadResult::kSeekFailed);
   EXPECT_EQ(gone.error, kErrorInvalidHandle);
-  env_.CloseHandle(one);
-  env_.CloseHandle(two);
+  for (HANDLE h : {one, two, v1, v2}) env_.CloseHandle(h);
 }
 
 }  // namespace
