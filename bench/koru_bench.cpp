@@ -6,8 +6,8 @@
 //     ranges REPS        VMFT::GetMFTSectorRanges of C:, REPS calls
 //     record COUNT       VMFT::ReadMFTRecord of C:'s first COUNT records, dumped to nowhere
 //     scan               the MFT scan of the hard-link inventory (MFT::GetHardLinkList) of C:
-//     pread              C:'s MFT read from the raw image as the scan reads it, one pread per
-//                        record and nothing else: the floor of one read per record
+//     pread              C:'s MFT read from the raw image a record at a time, one pread each
+//                        and nothing else: what a read call per record costs alone
 //     hlinfo FILE        VMFT::CreateHLInfo(FILE, C, C), the whole inventory
 //     exec CMD ARG...    a command with its output to /dev/null (its time and peak memory)
 //

@@ -133,7 +133,7 @@ for name, image in (("mft1m.img", MFT1M), ("big.img", BIG)):
         "dd of the MFT: %s (%.3f s)" % (rate(records, d["best"]), d["best"]), "%.2f x dd" % (s["best"] / d["best"]),
         "%s / %s" % (mib(s["mib"]), mib(d["mib"])), verdict(checks) if name == "mft1m.img" else "")
     add("  one pread per record, nothing else (%s)" % name, "%.3f s" % s["best"],
-        "pread floor: %.3f s" % p["best"], "%.2f x floor; floor %.2f x dd" % (s["best"] / p["best"], p["best"] / d["best"]),
+        "a pread a record: %.3f s" % p["best"], "%.2f x that; that %.2f x dd" % (s["best"] / p["best"], p["best"] / d["best"]),
         "", "")
     add("  The Sleuth Kit (%s)" % name, rate(records, s["best"]),
         "ils -e: %s (%.3f s)" % (rate(records, i["best"]), i["best"]), "%.2f x ils" % (s["best"] / i["best"]),
