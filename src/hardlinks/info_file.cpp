@@ -24,11 +24,12 @@ namespace {
 // A wide stream buffer over a file handle that writes what a text-mode file under
 // the C locale writes: each line end as CR LF, each character U+0000..U+00FF as its
 // own byte. A character above U+00FF has no byte: the stream fails there, and
-// nothing from that character on reaches the file.
+// nothing from that character on reaches the file. The text goes out in large
+// writes: a write per line made as many writes as the file has lines.
 class InfoFileBuffer : public std::wstreambuf {
  public:
-  InfoFileBuffer(platform::Env& env, platform::HANDLE file) : env_(env), file_(file) {
-    setp(chars_, chars_ + kChars);
+  InfoFileBuffer(platform::Env& env, platform::HANDLE file) : env_(env), file_(file), chars_(kChars) {
+    setp(chars_.data(), chars_.data() + kChars);
   }
   ~InfoFileBuffer() override { Close(); }
   InfoFileBuffer(const InfoFileBuffer&) = delete;
@@ -51,10 +52,12 @@ class InfoFileBuffer : public std::wstreambuf {
     pbump(1);
     return c;
   }
-  int sync() override { return Flush() ? 0 : -1; }
+  // std::endl asks for this after every line; the file gets the text when the buffer
+  // is full or closed.
+  int sync() override { return failed_ ? -1 : 0; }
 
  private:
-  static constexpr std::size_t kChars = 512;
+  static constexpr std::size_t kChars = 32768;
 
   bool Flush() {
     bytes_.clear();
@@ -67,7 +70,7 @@ class InfoFileBuffer : public std::wstreambuf {
         bytes_ += static_cast<char>(c);
       }
     }
-    setp(chars_, chars_ + kChars);
+    setp(chars_.data(), chars_.data() + kChars);
     DWORD written = 0;
     if (!bytes_.empty() &&
         (!env_.WriteFile(file_, bytes_.data(), static_cast<DWORD>(bytes_.size()), &written) ||
@@ -78,7 +81,7 @@ class InfoFileBuffer : public std::wstreambuf {
 
   platform::Env& env_;
   platform::HANDLE file_;
-  wchar_t chars_[kChars];
+  std::vector<wchar_t> chars_;
   std::string bytes_;
   bool failed_ = false;
 };

@@ -1,6 +1,7 @@
 #include "hardlinks/link_names.h"
 
 #include <algorithm>
+#include <string>
 
 #include "base/bytes.h"
 #include "hardlinks/skip_list.h"
@@ -35,6 +36,9 @@ bool EndWithError(FnTrace& fn, const wchar_t* reason, DWORD dwLastError) {
 // become one character where wchar_t holds 32 bits).
 void AppendUtf16(Bytes info, varnel::string& out) {
   const std::size_t units = std::min<std::size_t>(le32Or0(info, 0) / 2, (info.size() - 4) / 2);
+  // Gathered first: the string grows exactly, so a character at a time copies it each time.
+  std::wstring name;
+  name.reserve(units);
   for (std::size_t i = 0; i < units; ++i) {
     std::uint32_t c = le16Or0(info, 4 + 2 * i);
     if constexpr (sizeof(wchar_t) == 4) {
@@ -44,8 +48,9 @@ void AppendUtf16(Bytes info, varnel::string& out) {
         ++i;
       }
     }
-    out += static_cast<wchar_t>(c);
+    if (c != 0) name += static_cast<wchar_t>(c);  // a NUL unit never reached the string
   }
+  out += name.c_str();
 }
 
 // `letter` + ":" + the link name in `buffer` (cut at its terminator or the buffer's end).

@@ -123,7 +123,6 @@ void MFT::GetHardLinkList(HardLinkMap& map, std::wostream& progress) {
     const std::uint64_t step = geometry.paired ? 2 : geometry.unit / geometry.sector;
     for (std::uint64_t sector = first; sector < end; sector += step) {
       if (geometry.paired) {
-        record.fill(std::byte{0});
         if (!ReadMftRecord(sector, record)) {
           fn.End(L"ReadMftRecord() failed", varnel::kTraceError);
           return;

@@ -61,16 +61,10 @@ class ScopedFind {
   HANDLE find_;
 };
 
-// A read of `size` bytes at byte `offset` from the start of a device: seek from the
-// beginning, check the position, read. `step` names the first step that failed;
-// `error` is the last error of a failed call.
-struct ReadResult {
-  enum Step { kOk, kSeekFailed, kSeekElsewhere, kReadFailed, kShortRead } step = kOk;
-  DWORD error = 0;
-  DWORD bytes = 0;
-  bool ok() const { return step == kOk; }
-};
-ReadResult ReadAt(Env& env, HANDLE device, std::uint64_t offset, void* buffer, DWORD size);
+// A read of `size` bytes at byte `offset` from the start of a device (Env::ReadAt).
+inline ReadResult ReadAt(Env& env, HANDLE device, std::uint64_t offset, void* buffer, DWORD size) {
+  return env.ReadAt(device, offset, buffer, size);
+}
 
 // GetModuleFileNameW into a buffer grown by 260 characters while the system reports
 // it too small; nothing when the query fails.

@@ -17,6 +17,27 @@ Env& Env::Default() {
   return DefaultBackend();
 }
 
+ReadResult Env::ReadAt(HANDLE file, std::uint64_t offset, void* buffer, DWORD size) {
+  ReadResult result;
+  std::int64_t position = 0;
+  if (!SetFilePointerEx(file, static_cast<std::int64_t>(offset), &position, kFileBegin)) {
+    result.step = ReadResult::kSeekFailed;
+    result.error = GetLastError();
+    return result;
+  }
+  if (static_cast<std::uint64_t>(position) != offset) {
+    result.step = ReadResult::kSeekElsewhere;
+    return result;
+  }
+  if (!ReadFile(file, buffer, size, &result.bytes)) {
+    result.step = ReadResult::kReadFailed;
+    result.error = GetLastError();
+    return result;
+  }
+  if (result.bytes != size) result.step = ReadResult::kShortRead;
+  return result;
+}
+
 DWORD Env::HostToNetworkLong(DWORD value) {
   if constexpr (std::endian::native == std::endian::big) return value;
   return (value >> 24) | ((value >> 8) & 0xFF00u) | ((value << 8) & 0xFF0000u) | (value << 24);

@@ -191,6 +191,16 @@ struct FindData {
   wchar_t cFileName[260] = {};
 };
 
+// A read of `size` bytes at byte `offset` from the start of a device: seek from the
+// beginning, check the position, read. `step` names the first step that failed;
+// `error` is the last error of a failed call.
+struct ReadResult {
+  enum Step { kOk, kSeekFailed, kSeekElsewhere, kReadFailed, kShortRead } step = kOk;
+  DWORD error = 0;
+  DWORD bytes = 0;
+  bool ok() const { return step == kOk; }
+};
+
 // The first field of FIXED_INFO, which is all the core reads of GetNetworkParams:
 // the host name, narrow, in MAX_HOSTNAME_LEN + 4 bytes.
 inline constexpr std::size_t kFixedInfoHostNameSize = 132;
@@ -238,6 +248,11 @@ class Env {
   virtual bool WriteFile(HANDLE file, const void* buffer, DWORD to_write, DWORD* written) = 0;
   virtual bool SetFilePointerEx(HANDLE file, std::int64_t distance, std::int64_t* new_position,
                                 DWORD method) = 0;
+  // SetFilePointerEx to `offset` from the beginning, a check that it got there, then
+  // ReadFile: every raw read of the core. The default makes those calls; a backend
+  // that reads at a position may answer in one step, with the same results and the
+  // handle left where the calls would leave it.
+  virtual ReadResult ReadAt(HANDLE file, std::uint64_t offset, void* buffer, DWORD size);
   virtual bool CloseHandle(HANDLE handle) = 0;
   virtual bool DeviceIoControl(HANDLE device, DWORD code, const void* in, DWORD in_size, void* out,
                                DWORD out_size, DWORD* returned) = 0;

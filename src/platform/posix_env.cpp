@@ -200,6 +200,12 @@ bool PosixEnv::ReadFile(HANDLE handle, void* buffer, DWORD to_read, DWORD* read)
   return Forward([&](DWORD* e) { return files_.Read(handle, buffer, to_read, read, e); });
 }
 
+ReadResult PosixEnv::ReadAt(HANDLE handle, std::uint64_t offset, void* buffer, DWORD size) {
+  const ReadResult result = files_.ReadAt(handle, offset, buffer, size);
+  t_last_error = result.error;  // success unless the seek or the read failed
+  return result;
+}
+
 bool PosixEnv::WriteFile(HANDLE handle, const void* buffer, DWORD to_write, DWORD* written) {
   DWORD error = kErrorSuccess;
   return files_.Write(handle, buffer, to_write, written, &error) || Fail(error);

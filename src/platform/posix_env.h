@@ -39,6 +39,7 @@ class PosixEnv : public Env {
   bool ReadFile(HANDLE file, void* buffer, DWORD to_read, DWORD* read) override;
   bool WriteFile(HANDLE file, const void* buffer, DWORD to_write, DWORD* written) override;
   bool SetFilePointerEx(HANDLE file, std::int64_t distance, std::int64_t* new_position, DWORD method) override;
+  ReadResult ReadAt(HANDLE file, std::uint64_t offset, void* buffer, DWORD size) override;
   bool CloseHandle(HANDLE handle) override;
   bool DeviceIoControl(HANDLE device, DWORD code, const void* in, DWORD in_size, void* out, DWORD out_size,
                        DWORD* returned) override;

@@ -18,7 +18,9 @@ namespace boot = koru::boot;
 
 // The largest cluster The Sleuth Kit reads; Windows formats up to 2 MiB.
 constexpr std::uint64_t kTskMaxCluster = 64 * 1024;
-constexpr std::size_t kMaxCachedRecords = 1 << 14;
+// A listing loads every member: the cache must outlast a System32 of tens of thousands
+// of names while the paths through it are resolved (about 10 MiB when full).
+constexpr std::size_t kMaxCachedRecords = 1 << 16;
 constexpr std::size_t kMaxCachedListings = 256;
 constexpr std::size_t kUpCaseBytes = 65536 * 2;
 

@@ -101,16 +101,17 @@ std::shared_ptr<VolumeFiles::Object> VolumeFiles::Find(HANDLE handle, int kind) 
 
 std::shared_ptr<TskVolume> VolumeFiles::OpenVolume(const DeviceBinding& binding, DWORD* error,
                                                             std::string* reason) {
-  // A volume is read again when its image was made anew under the same name.
+  // A volume is read again when its image was made anew under the same name. Numbers,
+  // not text: every open by id and every path asks this.
   struct stat st{};
-  std::string identity;
+  Opened::Identity identity{};
   if (binding.image)  // attached anew, a container is a new image object
-    identity = "image@" + std::to_string(reinterpret_cast<std::uintptr_t>(binding.image.get()));
+    identity[0] = static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(binding.image.get()));
   else if (::stat(binding.host_path.c_str(), &st) == 0)
-    identity = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
-               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+    identity = {0, static_cast<std::int64_t>(st.st_dev), static_cast<std::int64_t>(st.st_ino), st.st_size,
+                st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
   std::lock_guard<std::mutex> lock(mutex_);
-  Opened& opened = volumes_[binding.host_path + "@" + std::to_string(binding.base)];
+  Opened& opened = volumes_[binding.host_path][binding.base];
   if (opened.identity != identity || (!opened.volume && opened.refusal.empty())) {
     std::string refusal;
     auto volume = TskVolume::Open(binding, &refusal);

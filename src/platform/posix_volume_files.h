@@ -9,7 +9,9 @@
 // 8.3 aliases too); reparse points on the way are not followed.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -69,11 +71,14 @@ class VolumeFiles {
   std::mutex mutex_;
   std::unordered_map<wchar_t, wchar_t> through_;
   struct Opened {
-    std::string identity;  // of the image file, so that one made anew is read again
+    // Of the image file, so that one made anew is read again: the container object, or
+    // the file's device, inode, size and modification time (all 0 when stat fails).
+    using Identity = std::array<std::int64_t, 6>;
+    Identity identity{};
     std::shared_ptr<TskVolume> volume;
     std::string refusal;   // why The Sleuth Kit cannot read it
   };
-  std::unordered_map<std::string, Opened> volumes_;  // by host path and offset
+  std::unordered_map<std::string, std::map<std::int64_t, Opened>> volumes_;  // by host path, then offset
   std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> handles_;
   std::uintptr_t next_ = 0;
 };

@@ -76,5 +76,39 @@ TEST_F(OpenedDisk, EachHandleReadsAtItsOwnPosition) {
   env_.CloseHandle(b);
 }
 
+// The one-step read gives what the seek and the read it stands for give, and leaves
+// the handle where they leave it.
+TEST_F(OpenedDisk, ReadAtAnswersAsItsSeekAndReadWould) {
+  HANDLE one = Open(L"\\\\.\\PhysicalDrive0"), two = Open(L"\\\\.\\PhysicalDrive0");
+  ASSERT_TRUE(IsValid(one) && IsValid(two));
+  Bytes a(512), b(512);
+  const auto same = [&](HANDLE h1, HANDLE h2, std::uint64_t offset, bool buffer) {
+    SCOPED_TRACE(offset);
+    const ReadResult fast = env_.ReadAt(h1, offset, buffer ? a.data() : nullptr, 512);
+    const DWORD fast_error = env_.GetLastError();
+    const ReadResult slow = env_.Env::ReadAt(h2, offset, buffer ? b.data() : nullptr, 512);
+    EXPECT_EQ(fast.step, slow.step);
+    EXPECT_EQ(fast.error, slow.error);
+    EXPECT_EQ(fast.bytes, slow.bytes);
+    EXPECT_EQ(fast_error, env_.GetLastError());
+    EXPECT_EQ(Bytes(a.begin(), a.begin() + fast.bytes), Bytes(b.begin(), b.begin() + slow.bytes));
+    EXPECT_EQ(Read(h1, 16), Read(h2, 16));  // both go on from the same place
+  };
+  same(one, two, 4096, true);
+  same(one, two, image_.size() - 100, true);  // short at the end of the disk
+  same(one, two, image_.size() + 512, true);
+  same(one, two, 8192, false);  // no buffer: the read fails, the seek stays
+  same(one, two, std::uint64_t{1} << 63, true);  // before the start, as a signed offset
+  // A run of reads, each where the last one ended, to the end of a volume and past it.
+  const HANDLE v1 = Open(L"\\\\.\\c:"), v2 = Open(L"\\\\.\\c:");
+  for (std::uint64_t at = kMiB - 100 * 1024 - 100; at < kMiB + 512; at += 512) same(v1, v2, at, true);
+  const HANDLE closed = Open(L"\\\\.\\PhysicalDrive0");
+  env_.CloseHandle(closed);
+  const ReadResult gone = env_.ReadAt(closed, 0, a.data(), 512);
+  EXPECT_EQ(gone.step, ReadResult::kSeekFailed);
+  EXPECT_EQ(gone.error, kErrorInvalidHandle);
+  for (HANDLE h : {one, two, v1, v2}) env_.CloseHandle(h);
+}
+
 }  // namespace
 }  // namespace platform
