@@ -25,8 +25,8 @@ bool BootSector::GetMftSector(const VolumeStart& volume, std::uint64_t& uiMftSec
   }
 
   std::array<std::byte, boot::kSize> sector{};
-  const auto read = platform::ReadAt(env, disk.get(), std::uint64_t{m_dwBytesPerSector} * volume.uiStartSector,
-                                     sector.data(), static_cast<DWORD>(sector.size()));
+  const auto read = env.ReadAt(disk.get(), std::uint64_t{m_dwBytesPerSector} * volume.uiStartSector,
+                               sector.data(), static_cast<DWORD>(sector.size()));
   switch (read.step) {
     case platform::ReadResult::kOk: break;
     case platform::ReadResult::kSeekFailed:

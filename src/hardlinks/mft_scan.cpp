@@ -134,7 +134,7 @@ void MFT::GetHardLinkList(HardLinkMap& map, std::wostream& progress) {
       platform::ReadResult read;
       read.step = platform::ReadResult::kReadFailed;
       if (OpenDisk(&read.error))
-        read = platform::ReadAt(env, m_hDisk, std::uint64_t{geometry.sector} * sector, unit.data(), geometry.unit);
+        read = env.ReadAt(m_hDisk, std::uint64_t{geometry.sector} * sector, unit.data(), geometry.unit);
       if (!read.ok()) {
         fn.Value(L"uiSectorNo", sector, varnel::kTraceError);
         fn.Value(L"dwLastError", static_cast<std::int64_t>(read.error), varnel::kTraceError);

@@ -67,8 +67,8 @@ bool MFT::ReadMftRecord(std::uint64_t uiSectorNo, RecordBuffer& record) {
     return false;
   }
 
-  const auto read = platform::ReadAt(env, m_hDisk, std::uint64_t{m_dwBytesPerSector} * uiSectorNo, record.data(),
-                                     static_cast<DWORD>(record.size()));
+  const auto read = env.ReadAt(m_hDisk, std::uint64_t{m_dwBytesPerSector} * uiSectorNo, record.data(),
+                               static_cast<DWORD>(record.size()));
   switch (read.step) {
     case platform::ReadResult::kOk: break;
     case platform::ReadResult::kSeekFailed:

@@ -95,8 +95,8 @@ bool MFT::Read(std::wostream& os) {
     return false;
   }
   RecordBuffer record{};
-  const auto read = platform::ReadAt(env, m_hDisk, std::uint64_t{m_dwBytesPerSector} * m_uiMftSector, record.data(),
-                                     static_cast<DWORD>(record.size()));
+  const auto read = env.ReadAt(m_hDisk, std::uint64_t{m_dwBytesPerSector} * m_uiMftSector, record.data(),
+                               static_cast<DWORD>(record.size()));
   switch (read.step) {
     case platform::ReadResult::kOk: break;
     case platform::ReadResult::kSeekFailed:

@@ -61,11 +61,6 @@ class ScopedFind {
   HANDLE find_;
 };
 
-// A read of `size` bytes at byte `offset` from the start of a device (Env::ReadAt).
-inline ReadResult ReadAt(Env& env, HANDLE device, std::uint64_t offset, void* buffer, DWORD size) {
-  return env.ReadAt(device, offset, buffer, size);
-}
-
 // GetModuleFileNameW into a buffer grown by 260 characters while the system reports
 // it too small; nothing when the query fails.
 std::optional<std::wstring> ModuleFileName(Env& env, HMODULE module);

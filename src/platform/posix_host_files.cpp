@@ -25,6 +25,12 @@ bool HostFiles::Lookup(HANDLE handle, OpenFile* file) {
   return true;
 }
 
+// Past the end of a disk or volume is a short read, as on Windows.
+std::int64_t HostFiles::Readable(const Cursor& file, DWORD size) {
+  if (!file.is_device || file.length < 0) return size;
+  return std::max<std::int64_t>(0, std::min<std::int64_t>(size, file.length - file.position));
+}
+
 bool HostFiles::Lookup(HANDLE handle, Cursor* cursor) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = files_.find(reinterpret_cast<std::uintptr_t>(handle));
@@ -145,8 +151,7 @@ bool HostFiles::ReadAhead(Cursor& file, void* buffer, DWORD size, DWORD* read) {
   std::lock_guard<std::mutex> lock(ahead.mutex);
   const std::int64_t at = file.position;
   const bool follows = at == ahead.next;
-  std::int64_t want = size;
-  if (file.length >= 0) want = std::max<std::int64_t>(0, std::min<std::int64_t>(want, file.length - at));
+  const std::int64_t want = Readable(file, size);
   ahead.next = at + want;
   if (!follows || want == 0 || want > kAheadBytes / 2) return false;
   if (at < ahead.start || at + want > ahead.start + ahead.filled) {
@@ -170,11 +175,7 @@ bool HostFiles::ReadAhead(Cursor& file, void* buffer, DWORD size, DWORD* read) {
 bool HostFiles::ReadCursor(HANDLE handle, Cursor& file, void* buffer, DWORD to_read, DWORD* read, DWORD* error) {
   if (read) *read = 0;
   if (buffer == nullptr && to_read > 0) return (*error = kErrorInvalidParameter), false;
-  std::int64_t want = to_read;
-  if (file.is_device && file.length >= 0) {
-    // Past the end of a disk or volume is a short read, as on Windows.
-    want = std::max<std::int64_t>(0, std::min<std::int64_t>(want, file.length - file.position));
-  }
+  const std::int64_t want = Readable(file, to_read);
   const std::int64_t base = file.is_device ? file.base : 0;
   std::int64_t done = 0;
   auto* out = static_cast<unsigned char*>(buffer);

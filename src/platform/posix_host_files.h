@@ -66,6 +66,8 @@ class HostFiles {
     std::unique_ptr<unsigned char[]> bytes;
   };
   bool Lookup(HANDLE handle, Cursor* cursor);
+  // How many of `size` bytes a read at the cursor's position can return.
+  static std::int64_t Readable(const Cursor& file, DWORD size);
   // ReadAt's read at the cursor's position served from `file.ahead`: false, with
   // nothing read, unless every byte the read would return is held there.
   bool ReadAhead(Cursor& file, void* buffer, DWORD size, DWORD* read);

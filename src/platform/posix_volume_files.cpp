@@ -40,6 +40,8 @@ HANDLE FailHandle(DWORD* error, DWORD code) {
   return InvalidHandle();
 }
 
+wchar_t Upper(wchar_t letter) { return static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(letter))); }
+
 }  // namespace
 
 // What a handle of this unit refers to.
@@ -66,7 +68,7 @@ bool IsVolumePath(const wchar_t* path) {
   std::wstring_view p(path);
   if (p.substr(0, 4) == L"\\\\?\\") p.remove_prefix(4);
   return p.size() >= 2 && p[1] == L':' && std::iswalpha(static_cast<std::wint_t>(p[0])) &&
-         std::towupper(static_cast<std::wint_t>(p[0])) != L'Z' && (p.size() == 2 || p[2] == L'\\' || p[2] == L'/');
+         Upper(p[0]) != L'Z' && (p.size() == 2 || p[2] == L'\\' || p[2] == L'/');
 }
 
 VolumeFiles& VolumeFiles::Instance() {
@@ -392,13 +394,12 @@ DWORD VolumeFiles::GetFileAttributes(const wchar_t* path, DWORD* error) {
 
 void VolumeFiles::ReadThrough(wchar_t letter, wchar_t copy) {
   std::lock_guard<std::mutex> lock(mutex_);
-  through_[static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(letter)))] =
-      static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(copy)));
+  through_[Upper(letter)] = Upper(copy);
 }
 
 wchar_t VolumeFiles::Through(wchar_t letter) {
   std::lock_guard<std::mutex> lock(mutex_);
-  const auto it = through_.find(static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(letter))));
+  const auto it = through_.find(Upper(letter));
   return it == through_.end() ? letter : it->second;
 }
 
