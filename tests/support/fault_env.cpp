@@ -4,8 +4,6 @@
 
 namespace koru::test {
 
-using platform::HANDLE;
-
 const FaultEnv::Fault* FaultEnv::Next(Call call) {
   const int n = ++counts_[call];
   for (const auto& rule : rules_)
@@ -50,9 +48,9 @@ bool FaultEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, D
   return false;
 }
 
-platform::LONG FaultEnv::RegQueryValueExW(platform::HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) {
+FaultEnv::LONG FaultEnv::RegQueryValueExW(HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) {
   const Fault* f = Next(Call::RegQueryValueExW);  // the registry returns its error instead of setting it
-  if (f && f->kind == Kind::kFail) return static_cast<platform::LONG>(f->value);
+  if (f && f->kind == Kind::kFail) return static_cast<LONG>(f->value);
   return inner_.RegQueryValueExW(k, n, t, d, s);
 }
 
