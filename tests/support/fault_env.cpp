@@ -35,17 +35,13 @@ bool FaultEnv::DeviceIoControl(HANDLE h, DWORD c, const void* i, DWORD is, void*
   if (Failed(Call::DeviceIoControl)) return false;
   if (!ioctl_answer_) return inner_.DeviceIoControl(h, c, i, is, o, os, r);
   DWORD error = 0;
-  if (ioctl_answer_(c, o, os, r, &error)) return true;
-  inner_.SetLastError(error);
-  return false;
+  return ioctl_answer_(c, o, os, r, &error) || Fail(error);
 }
 
 bool FaultEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, DWORD n) {
   if (!volume_name_answer_) return inner_.GetVolumeNameForVolumeMountPointW(m, b, n);
   DWORD error = 0;
-  if (volume_name_answer_(m, b, n, &error)) return true;
-  inner_.SetLastError(error);
-  return false;
+  return volume_name_answer_(m, b, n, &error) || Fail(error);
 }
 
 FaultEnv::LONG FaultEnv::RegQueryValueExW(HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) {
