@@ -44,10 +44,4 @@ bool FaultEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, D
   return volume_name_answer_(m, b, n, &error) || Fail(error);
 }
 
-FaultEnv::LONG FaultEnv::RegQueryValueExW(HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) {
-  const Fault* f = Next(Call::RegQueryValueExW);  // the registry returns its error instead of setting it
-  if (f && f->kind == Kind::kFail) return static_cast<LONG>(f->value);
-  return inner_.RegQueryValueExW(k, n, t, d, s);
-}
-
 }  // namespace koru::test

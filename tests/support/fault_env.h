@@ -54,6 +54,11 @@ class FaultEnv : public platform::Env {
   // A faultable call is counted, and a fault makes it return `failed` with the last error set.
 #define KORU_FAULTABLE(result, name, failed, params, args) \
   result name params override { return Failed(Call::name) ? failed : inner_.name args; }
+#define KORU_FAULT_RESULT(result, name, params, args) \
+  result name params override { \
+    const Fault* f = Next(Call::name); \
+    return f && f->kind == Kind::kFail ? static_cast<result>(f->value) : inner_.name args; \
+  }
 #define KORU_PASSED(result, name, params, args) \
   result name params override { return inner_.name args; }
   using HANDLE = platform::HANDLE;
@@ -91,16 +96,10 @@ class FaultEnv : public platform::Env {
   bool SetFilePointerEx(HANDLE h, std::int64_t d, std::int64_t* p, DWORD m) override;
   bool DeviceIoControl(HANDLE h, DWORD c, const void* i, DWORD is, void* o, DWORD os, DWORD* r) override;
   bool GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, DWORD n) override;
-  LONG RegQueryValueExW(HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) override;
-  // Fails with the error as its result, as the call reports it.
-  DWORD GetNetworkParams(void* i, DWORD* s) override {
-    const Fault* f = Next(Call::GetNetworkParams);
-    return f && f->kind == Kind::kFail ? f->value : inner_.GetNetworkParams(i, s);
-  }
-  int LocalTime64(std::int64_t t, std::tm* o) override {
-    const Fault* f = Next(Call::LocalTime64);
-    return f && f->kind == Kind::kFail ? static_cast<int>(f->value) : inner_.LocalTime64(t, o);
-  }
+  // These fail with the error as their result, as the calls report it, the last error untouched.
+  KORU_FAULT_RESULT(LONG, RegQueryValueExW, (HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s), (k, n, t, d, s))
+  KORU_FAULT_RESULT(DWORD, GetNetworkParams, (void* i, DWORD* s), (i, s))
+  KORU_FAULT_RESULT(int, LocalTime64, (std::int64_t t, std::tm* o), (t, o))
 
   KORU_PASSED(DWORD, GetLastError, (), ())
   KORU_PASSED(void, SetLastError, (DWORD e), (e))
@@ -129,6 +128,7 @@ class FaultEnv : public platform::Env {
   KORU_PASSED(bool, OpenProcessToken, (DWORD a, HANDLE* t), (a, t))
   KORU_PASSED(bool, LookupPrivilegeValueW, (const wchar_t* n, platform::Luid* l), (n, l))
 #undef KORU_FAULTABLE
+#undef KORU_FAULT_RESULT
 #undef KORU_PASSED
   std::wostream& StdOut() override { return stdout_; }  // captured instead
   std::wostream& StdErr() override { return stderr_; }
