@@ -17,12 +17,6 @@ using koru::test::TraceCapture;
 constexpr const wchar_t* kUsQuery = L"\\StringFileInfo\\040904B0\\FileVersion";
 constexpr const wchar_t* kUkQuery = L"\\StringFileInfo\\080904B0\\FileVersion";
 
-std::string Narrow(const std::wstring& text) {
-  std::string out;
-  for (wchar_t c : text) out += static_cast<char>(c);
-  return out;
-}
-
 // The description's form is checked on `vmft version` by the foundation integration test.
 TEST(VmftModuleProperty, UnknownCategoriesReturnOneAndLeaveTheText) {
   for (int category : {0, 3}) {
@@ -39,7 +33,8 @@ class VmftVersion : public ::testing::Test {
     fake_.exe_path = dir_.win("vmft");
     fake_.version_strings[kUsQuery] = L"1.2.3.4";
     fake_.version_strings[kUkQuery] = L"1.2.3.4-uk";
-    dir_.Write("kor.ini", "[File Locations]\r\nLog Files=" + Narrow(dir_.win("Logs")) + "\r\n");
+    const std::wstring logs = dir_.win("Logs");
+    dir_.Write("kor.ini", "[File Locations]\r\nLog Files=" + std::string(logs.begin(), logs.end()) + "\r\n");
     std::filesystem::create_directories(dir_ / "Logs");
   }
   std::wstring Version() {
@@ -73,12 +68,11 @@ TEST_F(VmftVersion, WithoutATranslationTable0809And04B0AreUsed) {
 }
 
 TEST_F(VmftVersion, EveryFailureLeavesErrorAndSaysWhy) {
-  struct Case {
+  const struct {
     Call call;
     int nth;
     const wchar_t* line;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {Call::GetModuleHandleW, 0, L"[V]: VMFT::GetResourceVersionStr : ... ending( null module )"},
       {Call::GetModuleFileNameW, 1, L"[E]: VMFT::GetResourceVersionStr : ... ending( GetModuleFileNameW failed ) : dwLastError = 5"},
       {Call::GetFileVersionInfoSizeW, 1,
@@ -87,15 +81,15 @@ TEST_F(VmftVersion, EveryFailureLeavesErrorAndSaysWhy) {
        L"[E]: VMFT::GetResourceVersionStr : ... ending( GetFileVersionInfo failed ) : dwLastError = 5"},
       {Call::VerQueryValueW, 2, L"[E]: VMFT::GetResourceVersionStr : VerQueryValue failed : dwLastError = 5"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.line);
     trace_.Reset();
     faults_.Clear();
     faults_.FailCall(c.call, platform::kErrorAccessDenied, c.nth);
-    EXPECT_EQ(Version(), L"Error") << Narrow(c.line);
-    EXPECT_TRUE(trace_.Has(c.line)) << Narrow(c.line);
+    EXPECT_EQ(Version(), L"Error");
+    EXPECT_TRUE(trace_.Has(c.line));
     // An early ending is the only ending; a failed value query ends normally.
-    EXPECT_EQ(trace_.Has(L"[V]: VMFT::GetResourceVersionStr : ... ending"), c.call == Call::VerQueryValueW)
-        << Narrow(c.line);
+    EXPECT_EQ(trace_.Has(L"[V]: VMFT::GetResourceVersionStr : ... ending"), c.call == Call::VerQueryValueW);
   }
   EXPECT_FALSE(dir_.Exists("Logs/Version.log"));
 }

@@ -127,16 +127,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Check(last.rfind(head, 0) == 0);
     return last.substr(head.size());
   };
-  const auto ipv6 = [&](const std::wstring& shown) {
+  const auto ipv6 = [&](const auto* address) {  // wide or narrow text
+    trace.TraceIPv6(4, L"f", L"ip6", address);
+    const std::wstring shown = value(L"ip6");
     if (shown == L"<Invalid IPv6 address>") return;
     Check(shown.size() == 39);
     for (std::size_t i = 0; i < 39; ++i) Check(i % 5 == 4 ? shown[i] == L':' : std::iswxdigit(shown[i]) != 0);
   };
-  trace.TraceIPv6(4, L"f", L"ip6", text.c_str());
-  ipv6(value(L"ip6"));
   const std::string narrow(reinterpret_cast<const char*>(data), size);
-  trace.TraceIPv6(4, L"f", L"ip6", narrow.c_str());
-  ipv6(value(L"ip6"));
+  ipv6(text.c_str());
+  ipv6(narrow.c_str());
   trace.TraceBytes(4, L"f", L"b", data, size);
   const std::wstring dump = value(L"b");
   std::size_t digits = 0;

@@ -18,21 +18,14 @@ namespace koru::test {
 
 class FakeSystemEnv : public FaultEnv {
  public:
-  using HKEY = platform::HKEY;
-  using LONG = platform::LONG;
-  using UINT = platform::UINT;
-
   explicit FakeSystemEnv(platform::Env& inner = platform::Env::Default()) : FaultEnv(inner) {}
 
   // --- system information; none or empty: the call fails
   std::optional<platform::OsVersionInfo> version;
   std::wstring system_dir;
   void SetVersion(DWORD major, DWORD minor, std::uint8_t product_type) {
-    version = platform::OsVersionInfo{};
-    version->dwMajorVersion = major;
-    version->dwMinorVersion = minor;
-    version->dwPlatformId = 2;
-    version->wProductType = product_type;
+    version = platform::OsVersionInfo{
+        .dwMajorVersion = major, .dwMinorVersion = minor, .dwPlatformId = 2, .wProductType = product_type};
   }
 
   // --- registry below HKEY_LOCAL_MACHINE; key paths compare without regard to case

@@ -4,8 +4,6 @@
 
 namespace koru::test {
 
-using platform::HANDLE;
-
 const FaultEnv::Fault* FaultEnv::Next(Call call) {
   const int n = ++counts_[call];
   for (const auto& rule : rules_)
@@ -37,23 +35,13 @@ bool FaultEnv::DeviceIoControl(HANDLE h, DWORD c, const void* i, DWORD is, void*
   if (Failed(Call::DeviceIoControl)) return false;
   if (!ioctl_answer_) return inner_.DeviceIoControl(h, c, i, is, o, os, r);
   DWORD error = 0;
-  if (ioctl_answer_(c, o, os, r, &error)) return true;
-  inner_.SetLastError(error);
-  return false;
+  return ioctl_answer_(c, o, os, r, &error) || Fail(error);
 }
 
 bool FaultEnv::GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, DWORD n) {
   if (!volume_name_answer_) return inner_.GetVolumeNameForVolumeMountPointW(m, b, n);
   DWORD error = 0;
-  if (volume_name_answer_(m, b, n, &error)) return true;
-  inner_.SetLastError(error);
-  return false;
-}
-
-platform::LONG FaultEnv::RegQueryValueExW(platform::HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) {
-  const Fault* f = Next(Call::RegQueryValueExW);  // the registry returns its error instead of setting it
-  if (f && f->kind == Kind::kFail) return static_cast<platform::LONG>(f->value);
-  return inner_.RegQueryValueExW(k, n, t, d, s);
+  return volume_name_answer_(m, b, n, &error) || Fail(error);
 }
 
 }  // namespace koru::test

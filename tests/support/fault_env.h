@@ -51,124 +51,85 @@ class FaultEnv : public platform::Env {
   std::wostringstream& captured_stdout() { return stdout_; }
   std::wostringstream& captured_stderr() { return stderr_; }
 
-  // The calls that can be faulted.
-  platform::HMODULE GetModuleHandleW(const wchar_t* n) override {
-    return Failed(Call::GetModuleHandleW) ? nullptr : inner_.GetModuleHandleW(n);
+  // A faultable call is counted, and a fault makes it return `failed` with the last error set.
+#define KORU_FAULTABLE(result, name, failed, params, args) \
+  result name params override { return Failed(Call::name) ? failed : inner_.name args; }
+#define KORU_FAULT_RESULT(result, name, params, args) \
+  result name params override { \
+    const Fault* f = Next(Call::name); \
+    return f && f->kind == Kind::kFail ? static_cast<result>(f->value) : inner_.name args; \
   }
-  DWORD GetModuleFileNameW(platform::HMODULE m, wchar_t* b, DWORD n) override {
-    return Failed(Call::GetModuleFileNameW) ? 0 : inner_.GetModuleFileNameW(m, b, n);
-  }
-  DWORD GetFileVersionInfoSizeW(const wchar_t* f) override {
-    return Failed(Call::GetFileVersionInfoSizeW) ? 0 : inner_.GetFileVersionInfoSizeW(f);
-  }
-  bool GetFileVersionInfoW(const wchar_t* f, DWORD s, void* d) override {
-    return !Failed(Call::GetFileVersionInfoW) && inner_.GetFileVersionInfoW(f, s, d);
-  }
-  bool VerQueryValueW(const void* b, const wchar_t* s, const void** v, platform::UINT* l) override {
-    return !Failed(Call::VerQueryValueW) && inner_.VerQueryValueW(b, s, v, l);
-  }
-  platform::HANDLE CreateFileW(const wchar_t* p, DWORD a, DWORD s, DWORD d, DWORD f) override {
-    return Failed(Call::CreateFileW) ? platform::InvalidHandle() : inner_.CreateFileW(p, a, s, d, f);
-  }
-  bool CloseHandle(platform::HANDLE h) override { return !Failed(Call::CloseHandle) && inner_.CloseHandle(h); }
-  bool AdjustTokenPrivileges(platform::HANDLE t, const platform::TokenPrivileges* n, DWORD s,
-                             platform::TokenPrivileges* p, DWORD* r) override {
-    return !Failed(Call::AdjustTokenPrivileges) && inner_.AdjustTokenPrivileges(t, n, s, p, r);
-  }
-  bool ReadFile(platform::HANDLE h, void* b, DWORD n, DWORD* r) override;
-  bool SetFilePointerEx(platform::HANDLE h, std::int64_t d, std::int64_t* p, DWORD m) override;
-  bool DeviceIoControl(platform::HANDLE h, DWORD c, const void* i, DWORD is, void* o, DWORD os,
-                       DWORD* r) override;
+#define KORU_PASSED(result, name, params, args) \
+  result name params override { return inner_.name args; }
+  using HANDLE = platform::HANDLE;
+  using HKEY = platform::HKEY;
+  using LONG = platform::LONG;
+  using UINT = platform::UINT;
+  KORU_FAULTABLE(platform::HMODULE, GetModuleHandleW, nullptr, (const wchar_t* n), (n))
+  KORU_FAULTABLE(DWORD, GetModuleFileNameW, 0, (platform::HMODULE m, wchar_t* b, DWORD n), (m, b, n))
+  KORU_FAULTABLE(DWORD, GetFileVersionInfoSizeW, 0, (const wchar_t* f), (f))
+  KORU_FAULTABLE(bool, GetFileVersionInfoW, false, (const wchar_t* f, DWORD s, void* d), (f, s, d))
+  KORU_FAULTABLE(bool, VerQueryValueW, false, (const void* b, const wchar_t* s, const void** v, UINT* l), (b, s, v, l))
+  KORU_FAULTABLE(HANDLE, CreateFileW, platform::InvalidHandle(), (const wchar_t* p, DWORD a, DWORD s, DWORD d, DWORD f),
+                 (p, a, s, d, f))
+  KORU_FAULTABLE(bool, CloseHandle, false, (HANDLE h), (h))
+  KORU_FAULTABLE(bool, AdjustTokenPrivileges, false,
+                 (HANDLE t, const platform::TokenPrivileges* n, DWORD s, platform::TokenPrivileges* p, DWORD* r),
+                 (t, n, s, p, r))
+  KORU_FAULTABLE(HANDLE, OpenFileById, platform::InvalidHandle(),
+                 (HANDLE v, const platform::FileIdDescriptor* id, DWORD a, DWORD s, DWORD f), (v, id, a, s, f))
+  KORU_FAULTABLE(bool, GetFileInformationByHandleEx, false, (HANDLE h, DWORD c, void* b, DWORD n), (h, c, b, n))
+  KORU_FAULTABLE(bool, GetFileInformationByHandle, false, (HANDLE h, platform::ByHandleFileInformation* i), (h, i))
+  KORU_FAULTABLE(bool, GetFileSizeEx, false, (HANDLE h, std::int64_t* s), (h, s))
+  KORU_FAULTABLE(HANDLE, FindFirstFileNameW, platform::InvalidHandle(),
+                 (const wchar_t* p, DWORD f, DWORD* l, wchar_t* b), (p, f, l, b))
+  KORU_FAULTABLE(bool, FindNextFileNameW, false, (HANDLE h, DWORD* l, wchar_t* b), (h, l, b))
+  KORU_FAULTABLE(HANDLE, FindFirstFileW, platform::InvalidHandle(), (const wchar_t* p, platform::FindData* d), (p, d))
+  KORU_FAULTABLE(bool, FindNextFileW, false, (HANDLE h, platform::FindData* d), (h, d))
+  KORU_FAULTABLE(bool, FindClose, false, (HANDLE h), (h))
+  KORU_FAULTABLE(DWORD, GetFileAttributesW, platform::kInvalidFileAttributes, (const wchar_t* p), (p))
+  KORU_FAULTABLE(bool, PathFileExistsW, false, (const wchar_t* p), (p))
+  KORU_FAULTABLE(DWORD, GetEnvironmentVariableW, 0, (const wchar_t* n, wchar_t* b, DWORD s), (n, b, s))
+  KORU_FAULTABLE(UINT, GetWindowsDirectoryW, 0, (wchar_t* b, UINT s), (b, s))
+  KORU_FAULTABLE(LONG, SHGetFolderPathW, platform::kEFail, (int c, DWORD f, wchar_t* p), (c, f, p))
+  bool ReadFile(HANDLE h, void* b, DWORD n, DWORD* r) override;
+  bool SetFilePointerEx(HANDLE h, std::int64_t d, std::int64_t* p, DWORD m) override;
+  bool DeviceIoControl(HANDLE h, DWORD c, const void* i, DWORD is, void* o, DWORD os, DWORD* r) override;
   bool GetVolumeNameForVolumeMountPointW(const wchar_t* m, wchar_t* b, DWORD n) override;
-  platform::LONG RegQueryValueExW(platform::HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s) override;
-  platform::HANDLE OpenFileById(platform::HANDLE v, const platform::FileIdDescriptor* id, DWORD a, DWORD s,
-                                DWORD f) override {
-    return Failed(Call::OpenFileById) ? platform::InvalidHandle() : inner_.OpenFileById(v, id, a, s, f);
-  }
-  bool GetFileInformationByHandleEx(platform::HANDLE h, DWORD c, void* b, DWORD n) override {
-    return !Failed(Call::GetFileInformationByHandleEx) && inner_.GetFileInformationByHandleEx(h, c, b, n);
-  }
-  bool GetFileInformationByHandle(platform::HANDLE h, platform::ByHandleFileInformation* i) override {
-    return !Failed(Call::GetFileInformationByHandle) && inner_.GetFileInformationByHandle(h, i);
-  }
-  bool GetFileSizeEx(platform::HANDLE h, std::int64_t* s) override {
-    return !Failed(Call::GetFileSizeEx) && inner_.GetFileSizeEx(h, s);
-  }
-  platform::HANDLE FindFirstFileNameW(const wchar_t* p, DWORD f, DWORD* l, wchar_t* b) override {
-    return Failed(Call::FindFirstFileNameW) ? platform::InvalidHandle() : inner_.FindFirstFileNameW(p, f, l, b);
-  }
-  bool FindNextFileNameW(platform::HANDLE h, DWORD* l, wchar_t* b) override {
-    return !Failed(Call::FindNextFileNameW) && inner_.FindNextFileNameW(h, l, b);
-  }
-  platform::HANDLE FindFirstFileW(const wchar_t* p, platform::FindData* d) override {
-    return Failed(Call::FindFirstFileW) ? platform::InvalidHandle() : inner_.FindFirstFileW(p, d);
-  }
-  bool FindNextFileW(platform::HANDLE h, platform::FindData* d) override {
-    return !Failed(Call::FindNextFileW) && inner_.FindNextFileW(h, d);
-  }
-  bool FindClose(platform::HANDLE h) override { return !Failed(Call::FindClose) && inner_.FindClose(h); }
-  DWORD GetFileAttributesW(const wchar_t* p) override {
-    return Failed(Call::GetFileAttributesW) ? platform::kInvalidFileAttributes : inner_.GetFileAttributesW(p);
-  }
-  bool PathFileExistsW(const wchar_t* p) override { return !Failed(Call::PathFileExistsW) && inner_.PathFileExistsW(p); }
-  DWORD GetEnvironmentVariableW(const wchar_t* n, wchar_t* b, DWORD s) override {
-    return Failed(Call::GetEnvironmentVariableW) ? 0 : inner_.GetEnvironmentVariableW(n, b, s);
-  }
-  platform::UINT GetWindowsDirectoryW(wchar_t* b, platform::UINT s) override {
-    return Failed(Call::GetWindowsDirectoryW) ? 0 : inner_.GetWindowsDirectoryW(b, s);
-  }
-  platform::LONG SHGetFolderPathW(int c, DWORD f, wchar_t* p) override {
-    return Failed(Call::SHGetFolderPathW) ? platform::kEFail : inner_.SHGetFolderPathW(c, f, p);
-  }
-  // Fails with the error as its result, as the call reports it.
-  DWORD GetNetworkParams(void* i, DWORD* s) override {
-    const Fault* f = Next(Call::GetNetworkParams);
-    return f && f->kind == Kind::kFail ? f->value : inner_.GetNetworkParams(i, s);
-  }
-  int LocalTime64(std::int64_t t, std::tm* o) override {
-    const Fault* f = Next(Call::LocalTime64);
-    return f && f->kind == Kind::kFail ? static_cast<int>(f->value) : inner_.LocalTime64(t, o);
-  }
+  // These fail with the error as their result, as the calls report it, the last error untouched.
+  KORU_FAULT_RESULT(LONG, RegQueryValueExW, (HKEY k, const wchar_t* n, DWORD* t, void* d, DWORD* s), (k, n, t, d, s))
+  KORU_FAULT_RESULT(DWORD, GetNetworkParams, (void* i, DWORD* s), (i, s))
+  KORU_FAULT_RESULT(int, LocalTime64, (std::int64_t t, std::tm* o), (t, o))
 
-  // Passed through.
-  DWORD GetLastError() override { return inner_.GetLastError(); }
-  void SetLastError(DWORD error) override { inner_.SetLastError(error); }
-  DWORD GetPrivateProfileStringW(const wchar_t* s, const wchar_t* k, const wchar_t* d, wchar_t* b, DWORD n,
-                                 const wchar_t* f) override {
-    return inner_.GetPrivateProfileStringW(s, k, d, b, n, f);
-  }
-  platform::UINT GetPrivateProfileIntW(const wchar_t* s, const wchar_t* k, int d, const wchar_t* f) override {
-    return inner_.GetPrivateProfileIntW(s, k, d, f);
-  }
-  bool WritePrivateProfileStringW(const wchar_t* s, const wchar_t* k, const wchar_t* v, const wchar_t* f) override {
-    return inner_.WritePrivateProfileStringW(s, k, v, f);
-  }
-  bool PathIsDirectoryW(const wchar_t* p) override { return inner_.PathIsDirectoryW(p); }
-  bool CreateDirectoryW(const wchar_t* p) override { return inner_.CreateDirectoryW(p); }
-  bool CopyFileW(const wchar_t* a, const wchar_t* b, bool f) override { return inner_.CopyFileW(a, b, f); }
-  bool DeleteFileW(const wchar_t* p) override { return inner_.DeleteFileW(p); }
-  bool WriteFile(platform::HANDLE h, const void* b, DWORD n, DWORD* w) override { return inner_.WriteFile(h, b, n, w); }
-  void GetLocalTime(platform::SystemTime* t) override { inner_.GetLocalTime(t); }
-  bool FileTimeToSystemTime(std::uint64_t f, platform::SystemTime* t) override {
-    return inner_.FileTimeToSystemTime(f, t);
-  }
-  std::int64_t Time64() override { return inner_.Time64(); }
-  DWORD GetCurrentThreadId() override { return inner_.GetCurrentThreadId(); }
-  bool GetVersionExW(platform::OsVersionInfo* i) override { return inner_.GetVersionExW(i); }
-  bool GetProductInfo(DWORD a, DWORD b, DWORD c, DWORD d, DWORD* t) override {
-    return inner_.GetProductInfo(a, b, c, d, t);
-  }
-  platform::UINT GetSystemDirectoryW(wchar_t* b, platform::UINT n) override { return inner_.GetSystemDirectoryW(b, n); }
-  platform::UINT GetSystemWow64DirectoryW(wchar_t* b, platform::UINT n) override {
-    return inner_.GetSystemWow64DirectoryW(b, n);
-  }
-  platform::LONG RegOpenKeyExW(platform::HKEY r, const wchar_t* k, DWORD o, DWORD s, platform::HKEY* out) override {
-    return inner_.RegOpenKeyExW(r, k, o, s, out);
-  }
-  platform::LONG RegCloseKey(platform::HKEY k) override { return inner_.RegCloseKey(k); }
-  platform::LONG RegUnLoadKeyW(platform::HKEY r, const wchar_t* k) override { return inner_.RegUnLoadKeyW(r, k); }
-  bool OpenProcessToken(DWORD a, platform::HANDLE* t) override { return inner_.OpenProcessToken(a, t); }
-  bool LookupPrivilegeValueW(const wchar_t* n, platform::Luid* l) override { return inner_.LookupPrivilegeValueW(n, l); }
+  KORU_PASSED(DWORD, GetLastError, (), ())
+  KORU_PASSED(void, SetLastError, (DWORD e), (e))
+  KORU_PASSED(DWORD, GetPrivateProfileStringW,
+              (const wchar_t* s, const wchar_t* k, const wchar_t* d, wchar_t* b, DWORD n, const wchar_t* f),
+              (s, k, d, b, n, f))
+  KORU_PASSED(UINT, GetPrivateProfileIntW, (const wchar_t* s, const wchar_t* k, int d, const wchar_t* f), (s, k, d, f))
+  KORU_PASSED(bool, WritePrivateProfileStringW,
+              (const wchar_t* s, const wchar_t* k, const wchar_t* v, const wchar_t* f), (s, k, v, f))
+  KORU_PASSED(bool, PathIsDirectoryW, (const wchar_t* p), (p))
+  KORU_PASSED(bool, CreateDirectoryW, (const wchar_t* p), (p))
+  KORU_PASSED(bool, CopyFileW, (const wchar_t* a, const wchar_t* b, bool f), (a, b, f))
+  KORU_PASSED(bool, DeleteFileW, (const wchar_t* p), (p))
+  KORU_PASSED(bool, WriteFile, (HANDLE h, const void* b, DWORD n, DWORD* w), (h, b, n, w))
+  KORU_PASSED(void, GetLocalTime, (platform::SystemTime* t), (t))
+  KORU_PASSED(bool, FileTimeToSystemTime, (std::uint64_t f, platform::SystemTime* t), (f, t))
+  KORU_PASSED(std::int64_t, Time64, (), ())
+  KORU_PASSED(DWORD, GetCurrentThreadId, (), ())
+  KORU_PASSED(bool, GetVersionExW, (platform::OsVersionInfo* i), (i))
+  KORU_PASSED(bool, GetProductInfo, (DWORD a, DWORD b, DWORD c, DWORD d, DWORD* t), (a, b, c, d, t))
+  KORU_PASSED(UINT, GetSystemDirectoryW, (wchar_t* b, UINT n), (b, n))
+  KORU_PASSED(UINT, GetSystemWow64DirectoryW, (wchar_t* b, UINT n), (b, n))
+  KORU_PASSED(LONG, RegOpenKeyExW, (HKEY r, const wchar_t* k, DWORD o, DWORD s, HKEY* out), (r, k, o, s, out))
+  KORU_PASSED(LONG, RegCloseKey, (HKEY k), (k))
+  KORU_PASSED(LONG, RegUnLoadKeyW, (HKEY r, const wchar_t* k), (r, k))
+  KORU_PASSED(bool, OpenProcessToken, (DWORD a, HANDLE* t), (a, t))
+  KORU_PASSED(bool, LookupPrivilegeValueW, (const wchar_t* n, platform::Luid* l), (n, l))
+#undef KORU_FAULTABLE
+#undef KORU_FAULT_RESULT
+#undef KORU_PASSED
   std::wostream& StdOut() override { return stdout_; }  // captured instead
   std::wostream& StdErr() override { return stderr_; }
 

@@ -17,8 +17,6 @@ TEST(VarnelString, UnconvertibleTextBecomesQuestionMarks) {
   std::setlocale(LC_ALL, "C");
   EXPECT_STREQ(varnel::string("\xE4\xF6\xFC").c_str(), L"???");  // one per byte
   EXPECT_STREQ(varnel::string(L"ab\u00E9cd").narrow(), "ab?cd");  // one per character
-  EXPECT_STREQ(varnel::string(L"plain text").narrow(), "plain text");
-  EXPECT_STREQ(varnel::string("round trip").c_str(), L"round trip");
   std::setlocale(LC_ALL, saved.c_str());
 }
 

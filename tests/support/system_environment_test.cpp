@@ -18,19 +18,14 @@ using platform::DWORD;
 
 constexpr const wchar_t* kCurrentVersion = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
 
-std::unique_ptr<varnel::SystemEnvironment> Compute(platform::Env& env) {
-  auto record = std::make_unique<varnel::SystemEnvironment>();
-  record->Compute(env);
-  return record;
-}
-
 // A system of the given version whose prodspec.ini names `product`, if any.
 class SystemEnvironment : public ::testing::Test {
  protected:
   SystemEnvironment() { env_.system_dir = dir_.win(); }
   std::unique_ptr<varnel::SystemEnvironment> Kind(const char* product) {
     if (product) dir_.Write("prodspec.ini", std::string("[Product Specification]\r\nProduct=") + product + "\r\n");
-    auto record = Compute(env_);
+    auto record = std::make_unique<varnel::SystemEnvironment>();
+    record->Compute(env_);
     EXPECT_TRUE(env_.open_keys.empty());
     return record;
   }

@@ -99,10 +99,10 @@ TEST_F(TraceFile, LevelsFromTraceIniAndTheDefaultThatLeavesOutVerbose) {
 
 // kor.ini's directory (made if missing) is taken once; SetLogDir takes only an existing one.
 TEST_F(TraceFile, LogDirectoryFromKorIniUntilSetLogDirMovesIt) {
-  std::string custom;
-  for (wchar_t c : dir_.win("custom")) custom += static_cast<char>(c);
-  dir_.Write("kor.ini", "[File Locations]\r\nLog Files=elsewhere\r\nLogfiles=" + custom + "\r\n");
-  EXPECT_EQ(LogDir(), dir_.win("custom"));
+  const std::wstring custom = dir_.win("custom");
+  dir_.Write("kor.ini",
+             "[File Locations]\r\nLog Files=elsewhere\r\nLogfiles=" + std::string(custom.begin(), custom.end()) + "\r\n");
+  EXPECT_EQ(LogDir(), custom);
   EXPECT_TRUE(std::filesystem::is_directory(dir_ / "custom"));
   dir_.Write("kor.ini", "[File Locations]\r\nLogfiles=Z:\\nowhere\r\n");
   EXPECT_EQ(LogDir(), dir_.win("custom"));
@@ -149,7 +149,6 @@ class IniRecordingEnv : public FakeSystemEnv {
     buffer[0] = 0;  // nothing is cached
     return 0;
   }
-  bool CreateDirectoryW(const wchar_t*) override { return false; }
 };
 
 TEST(TraceWinPE, KindTwentyReadsItsSettingsAndLogsUnderZKoru) {
