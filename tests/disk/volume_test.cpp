@@ -24,16 +24,6 @@ using test::TraceCapture;
 class VolumeName : public ::testing::Test {
  protected:
   VolumeName() : env_(platform::Env::Default()), scoped_(env_) {}
-  // The platform answers every mount point with `name`, as much as fits and terminated
-  // if room is left, noting what it was asked.
-  void PlatformAnswers(std::wstring name) {
-    env_.AnswerVolumeName([this, name](const wchar_t* mount_point, wchar_t* buffer, DWORD size, DWORD*) {
-      asked_ = mount_point;
-      asked_size_ = size;
-      std::wmemcpy(buffer, name.c_str(), std::min<std::size_t>(name.size() + 1, size));
-      return true;
-    });
-  }
   FaultEnv env_;
   platform::ScopedEnv scoped_;
   TraceCapture trace_;
@@ -52,7 +42,13 @@ TEST_F(VolumeName, LastCharacterIsDroppedWhateverItIs) {
                {L'F', std::wstring(300, L'v'), std::wstring(258, L'v')}};  // unterminated: stays inside the buffer
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.answer));
-    PlatformAnswers(c.answer);
+    // The platform answers with as much as fits, terminated if room is left.
+    env_.AnswerVolumeName([&](const wchar_t* mount_point, wchar_t* buffer, DWORD size, DWORD*) {
+      asked_ = mount_point;
+      asked_size_ = size;
+      std::wmemcpy(buffer, c.answer.c_str(), std::min<std::size_t>(c.answer.size() + 1, size));
+      return true;
+    });
     varnel::string name(L"old");
     ASSERT_TRUE(GetVolumeNameFromDL(c.letter, name));
     EXPECT_EQ(asked_, std::wstring{c.letter} + L":\\");  // the letter exactly as passed
@@ -133,9 +129,8 @@ TEST_F(VolumeOnDisk, BufferGrowsOneExtentAtATimeOnMoreDataAndOnInsufficientBuffe
   PlatformHas({{5, 512, 1024}});
   EXPECT_EQ(Extents(), (std::vector<Extent>{{5, 512, 1024}}));
   EXPECT_EQ(sizes_, (std::vector<DWORD>{104}));  // 56 and 80 were refused before the answer
-}
 
-TEST_F(VolumeOnDisk, CountBeyondTheDeliveredBytesIsCut) {
+  // A count beyond the delivered bytes is cut.
   env_.AnswerIoctl([](DWORD, void* out, DWORD, DWORD* returned, DWORD*) {
     const std::uint32_t count = 0xFFFFFFFFu;
     std::memcpy(out, &count, sizeof count);

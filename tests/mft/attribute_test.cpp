@@ -59,7 +59,7 @@ TEST(AttributeTypeName, KnownNamesAndUnknownCodesInHexThenDecimalAgain) {
 // SanitizeAttributeName also turns a name one character away from a system name
 // into that name.
 TEST(AttributeSanitizers, BothReplaceUnacceptableCharactersAndOnlyOneRestoresSystemNames) {
-  struct Case { const wchar_t *in, *name, *attribute_name; } cases[] = {
+  struct Case { std::wstring in, name, attribute_name; } cases[] = {
       {L"$I30", L"?I30", L"$I30"},
       {L"", L"", L""},
       {L"a/b\\c:\u00e9", L"a?b?c??", L"a?b?c??"},
@@ -67,20 +67,16 @@ TEST(AttributeSanitizers, BothReplaceUnacceptableCharactersAndOnlyOneRestoresSys
       {L"CscBitmapStreaX", L"CscBitmapStreaX", L"CscBitmapStream"},  // no bad character, still one away
       {L"$Txx", L"?Txx", L"?Txx"},  // two away from everything
       {L"#Bad", L"?Bad", L"$Bad"},
+      {std::wstring(L"a\0b", 3), L"a?b", L"a?b"},  // an embedded NUL is a character like any other
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.in);
-    varnel::string name(c.in), attribute_name(c.in);
+    SCOPED_TRACE(testing::PrintToString(c.in));
+    varnel::string name(c.in.c_str(), c.in.size()), attribute_name(c.in.c_str(), c.in.size());
     Attribute::SanitizeName(name);
     Attribute::SanitizeAttributeName(attribute_name);
-    EXPECT_TRUE(name == c.name);
-    EXPECT_TRUE(attribute_name == c.attribute_name);
+    EXPECT_EQ(std::wstring(name.c_str(), name.length()), c.name);
+    EXPECT_EQ(std::wstring(attribute_name.c_str(), attribute_name.length()), c.attribute_name);
   }
-  // An embedded NUL is a character like any other.
-  varnel::string nul(L"a\0b", 3);
-  Attribute::SanitizeName(nul);
-  EXPECT_EQ(nul.length(), 3u);
-  EXPECT_TRUE(nul == L"a?b");
 }
 
 }  // namespace

@@ -13,16 +13,6 @@ namespace {
 
 using End = Attribute::RunListEnd;
 
-SectorRanges Decode(const std::vector<std::uint8_t>& runs, platform::DWORD sectors_per_cluster,
-                    End* end = nullptr) {
-  DATA_Attribute attribute(Bytes{}, sectors_per_cluster);
-  std::deque<std::uint8_t> queue(runs.begin(), runs.end());
-  SectorRanges ranges;
-  const End how = attribute.ProcessDataRun(queue, ranges);
-  if (end) *end = how;
-  return ranges;
-}
-
 TEST(DataRuns, RunListsBecomeVolumeRelativeSectorRanges) {
   struct Case {
     const char* what;
@@ -59,9 +49,10 @@ TEST(DataRuns, RunListsBecomeVolumeRelativeSectorRanges) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    End end{};
-    EXPECT_EQ(Decode(c.runs, c.spc, &end), c.expected);
-    EXPECT_EQ(end, c.end);
+    std::deque<std::uint8_t> queue(c.runs.begin(), c.runs.end());
+    SectorRanges ranges;
+    EXPECT_EQ(DATA_Attribute(Bytes{}, c.spc).ProcessDataRun(queue, ranges), c.end);
+    EXPECT_EQ(ranges, c.expected);
   }
 }
 
