@@ -19,7 +19,8 @@ std::vector<std::byte> Header(std::uint32_t type) {
   return h;
 }
 
-// Which class each code gets is seen in the dump tests, by the title each prints.
+// Which class each code gets is seen by the title each prints, on real records
+// (record_tools.py).
 TEST(AttributeFactory, TheEndMarkerUnknownTypesAndShortHeadersGiveNone) {
   test::TraceCapture trace;
   const auto end = Header(layout::kEndOfAttributes);
