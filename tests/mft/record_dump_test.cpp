@@ -13,7 +13,6 @@
 namespace koru {
 namespace {
 
-using test::Fields;
 using test::Put16;
 using test::Put32;
 using test::RecordFixture;
@@ -55,34 +54,6 @@ TEST(RecordDump, HeaderVariants) {
     const std::wstring dump = Dump(b);
     EXPECT_TRUE(Has(dump, c.line)) << testing::PrintToString(dump);
     EXPECT_EQ(Has(dump, L"\n$DATA\n"), std::string(c.what) != "first attribute of type 0");
-  }
-}
-
-// Single records no volume holds, read by hand from their bytes (the integration
-// tests compare whole volumes with istat). The dump shows a record unpatched: a name
-// crossing a sector's end shows the update sequence number there.
-TEST(RecordDump, RealRecords) {
-  const struct {
-    const char* file;
-    std::vector<std::wstring> lines;
-  } cases[] = {
-      {"records/rp.bin",
-       {Fields({{L"MFT Record Number", L"106"}}, 33), Fields({{L"File Name", L"[link.txt]"}}),
-        Fields({{L"Reparse Type", L"0x0c Symbolic-Link"}, {L"Reparse Flags", L"Microsoft Name-Surrogate"},
-                {L"Reparse Data Length", L"52"}, {L"Print Name", L"[target.txt]"},
-                {L"Substitute Name", L"[target.txt]"}, {L"Flags", L"0x1"}})}},
-      {"records/entry_super_long_name_001.bin",
-       {Fields({{L"File Name Length (wchar_t)", L"228"}}), L"_super_sup?r_super_", L"longname.txt]\n"}},
-      // Its first half ends in 0x0046 where the update sequence number is 24.
-      {"records/entry_102130_fixup_issue.bin",
-       {Fields({{L"Update Sequence Number", L"24"}}, 33),
-        Fields({{L"Reference To The Parent Directory", L"101990/7"}}),
-        Fields({{L"File Name", L"[Application?Data]"}}), Fields({{L"Name", L"[$I30]"}})}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.file);
-    const std::wstring dump = Dump(test::ReadFileBytes(test::SharedImage(c.file)));
-    for (const auto& line : c.lines) EXPECT_TRUE(Has(dump, line)) << testing::PrintToString(line);
   }
 }
 
