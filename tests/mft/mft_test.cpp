@@ -35,7 +35,6 @@ std::vector<std::byte> DiskWithRecord(std::uint64_t sector, std::uint32_t sector
 }
 
 using test::DiskReader;
-using test::OpenDisk;
 
 TEST(MftReadRecord, FixUpsApplyOnlyForSizeThreeWithBothSectorEndsMatching) {
   struct Case {
@@ -75,10 +74,7 @@ TEST(MftReadRecord, FixUpsApplyOnlyForSizeThreeWithBothSectorEndsMatching) {
 // Its second half ends in 0x0018 but the first in 0x0046: not the sequence number.
 TEST(MftReadRecord, ARealTornRecordIsLeftAsRead) {
   const auto torn = test::ReadFileBytes(test::SharedImage("records/entry_102130_fixup_issue.bin"));
-  std::vector<std::byte> image(2 * 512);
-  image.insert(image.end(), torn.begin(), torn.end());
-  image.resize(6 * 512);
-  test::TempDisk disk(image, 512);
+  test::TempDisk disk(test::DiskWith(torn, 2, 6), 512);
   MFT mft = DiskReader(512);
   test::TraceCapture trace;
   RecordBuffer record{};
@@ -92,7 +88,8 @@ TEST(MftReadRecord, ReusesItsHandlesAndOpensTheVolumeHintFirst) {
   test::TempDisk disk(DiskWithRecord(2, 512, 3), 512);
   test::FaultEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
-  MFT mft = DiskReader(512, 0, false);
+  MFT mft = DiskReader(512);
+  mft.CloseHandles();
   RecordBuffer record{};
   // No volume C: on a disk without a partition table of NTFS: the hint cannot open.
   test::TraceCapture trace;
@@ -100,7 +97,7 @@ TEST(MftReadRecord, ReusesItsHandlesAndOpensTheVolumeHintFirst) {
   EXPECT_TRUE(trace.Has(L"[E]: MFT::SetVolumeHintHandle : Createfile() failed) : dwLastError = 2"));
   EXPECT_TRUE(trace.Has(L"[E]: MFT::ReadMftRecord : ... ending(SetVolumeHintHandle() failed)"));
   // With a hint already set, two reads open the disk once.
-  mft.m_hVolumeHint = OpenDisk();
+  mft = DiskReader(512);
   const int opens = env.Count(Call::CreateFileW);
   ASSERT_TRUE(mft.ReadMftRecord(2, record));
   ASSERT_TRUE(mft.ReadMftRecord(2, record));
@@ -117,9 +114,7 @@ TEST(MftReadRecord, ReusesItsHandlesAndOpensTheVolumeHintFirst) {
 TEST(MftRanges, FailuresAndBoundsBreachesLeaveThePairsUnshifted) {
   // The record at sector 16 of a volume said to start at 2048.
   const auto ranges_of = [](const std::vector<std::byte>& record, SectorRanges& ranges) {
-    std::vector<std::byte> image(16 * 512);
-    image.insert(image.end(), record.begin(), record.end());
-    test::TempDisk disk(image, 512);
+    test::TempDisk disk(test::DiskWith(record, 16, 18), 512);
     MFT mft = DiskReader(512, 16);
     mft.m_uiVolumeStartSector = 2048;
     const bool ok = mft.GetMftRanges(ranges);

@@ -117,10 +117,7 @@ TEST(MftRead, DumpsTheRecordUnpatched) {
   const auto record = RecordOnDisk();
   for (std::uint32_t sector_size : {512u, 4096u}) {
     SCOPED_TRACE(sector_size);
-    std::vector<std::byte> image(3 * sector_size);
-    image.insert(image.end(), record.begin(), record.end());
-    image.resize(5 * sector_size);
-    test::TempDisk disk(image, sector_size);
+    test::TempDisk disk(test::DiskWith(record, 3, 5, sector_size), sector_size);
     MFT mft = test::DiskReader(sector_size, 3);
     std::wostringstream os;
     ASSERT_TRUE(mft.Read(os));
@@ -133,10 +130,7 @@ TEST(MftRead, DumpsTheRecordUnpatched) {
 
 // Both readers of a record, each with its own endings, fail on every fault.
 TEST(MftRead, EveryReadFailureOfEitherReaderWritesNothingAndTracesItsEnding) {
-  std::vector<std::byte> image(2 * 512);
-  const auto record = RecordOnDisk();
-  image.insert(image.end(), record.begin(), record.end());
-  test::TempDisk disk(image, 512);
+  test::TempDisk disk(test::DiskWith(RecordOnDisk(), 2, 4), 512);
   test::FaultEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
   const std::wstring seek = L"SetFilePointerEx() failed) : dwLastError = 25",

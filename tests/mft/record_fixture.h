@@ -112,19 +112,24 @@ struct Value {
 
 // A reader of \\.\PhysicalDrive0 as drive C:, 8 sectors to a cluster; the disk stands
 // in for the volume hint, as the images here have no lettered volume.
-inline platform::HANDLE OpenDisk() {
-  return platform::Env::Default().CreateFileW(L"\\\\.\\PhysicalDrive0", platform::kGenericRead, 0,
-                                              platform::kOpenExisting, 0);
-}
-inline MFT DiskReader(std::uint32_t sector_size, std::uint64_t mft_sector = 0, bool hint = true) {
+inline MFT DiskReader(std::uint32_t sector_size, std::uint64_t mft_sector = 0) {
   MFT mft;
   mft.SetPhysicalDrive(0);
   mft.m_wcDriveLetter = L'C';
   mft.m_dwBytesPerSector = sector_size;
   mft.m_dwSectorsPerCluster = 8;
   mft.m_uiMftSector = mft_sector;
-  if (hint) mft.m_hVolumeHint = OpenDisk();
+  mft.m_hVolumeHint = platform::Env::Default().CreateFileW(L"\\\\.\\PhysicalDrive0", platform::kGenericRead, 0,
+                                                          platform::kOpenExisting, 0);
   return mft;
+}
+
+// A disk of `sectors` sectors with `record` at sector `at`.
+inline std::vector<std::byte> DiskWith(const std::vector<std::byte>& record, std::size_t at, std::size_t sectors,
+                                       std::uint32_t sector_size = 512) {
+  std::vector<std::byte> disk(sectors * sector_size);
+  std::copy(record.begin(), record.end(), disk.begin() + static_cast<std::ptrdiff_t>(at * sector_size));
+  return disk;
 }
 
 // The dump of the attribute added last, given the rest of the record as the record
