@@ -42,13 +42,13 @@ TEST(AttributeFactory, TheEndMarkerUnknownTypesAndShortHeadersGiveNone) {
   EXPECT_EQ(Attribute::Factory(Bytes(three), 8), nullptr);
 }
 
-TEST(AttributeTypeName, KnownNamesAndUnknownCodesInHexThenDecimalAgain) {
+// Known names are seen as titles on real records (record_tools.py), a short unknown
+// code in AttributeDump.TypedBodies.
+TEST(AttributeTypeName, UnknownCodesInHexThenDecimalAgain) {
   std::wostringstream os;
-  for (std::uint32_t code : {0x80u, 0x100u, 0xF0u}) WriteAttributeTypeName(os << L" ", code);
-  os << L" " << 255 << L" ";
   WriteAttributeTypeName(os, 0xFFFFFFFF);
   os << L" " << 16;
-  EXPECT_EQ(os.str(), L" $DATA $LOGGED_UTILITY_STREAM 000000f0 255 ffffffff 16");
+  EXPECT_EQ(os.str(), L"ffffffff 16");
 
   // The case of the digits and the fill are the stream's own.
   std::wostringstream upper;

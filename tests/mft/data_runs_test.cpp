@@ -61,13 +61,11 @@ TEST(DataRuns, GetSectorRangeReadsTheRunListWithinTheAttributeAndRefusesOthers) 
   r.NonResident(layout::kData, {0x11, 0x04, 0x10});  // 0x48 bytes at 0x38, runs from 0x40
   const Bytes attribute = Bytes(r.bytes()).subspan(0x38);
   DATA_Attribute data(attribute, 1);
-  SectorRanges ranges{{1, 2}};
-  ASSERT_TRUE(data.GetSectorRange(attribute, ranges));
-  EXPECT_EQ(ranges, (SectorRanges{{1, 2}, {0x10, 0x14}}));
+  // The whole attribute is read in MftRanges.FailuresAndBoundsBreachesLeaveThePairsUnshifted.
   // A length field larger than the attribute's bytes is clipped to them: fine when
   // the list closes within them, a cut list when it would run on.
   test::Put32(r.bytes(), 0x38 + layout::kAttrLength, 0xFFFF);
-  ranges.clear();
+  SectorRanges ranges;
   EXPECT_TRUE(data.GetSectorRange(attribute.first(0x44), ranges));
   EXPECT_FALSE(data.GetSectorRange(attribute.first(0x43), ranges));
   EXPECT_EQ(ranges.size(), 2u);
