@@ -18,8 +18,6 @@ namespace {
 
 using platform::DWORD;
 using test::Call;
-using test::FaultEnv;
-using test::TraceCapture;
 
 // Names, extents and geometry through an attached disk whose one partition is C:.
 class VolumeOnDisk : public ::testing::Test {
@@ -46,9 +44,9 @@ class VolumeOnDisk : public ::testing::Test {
     return out;
   }
   test::TempDisk disk_;
-  FaultEnv env_;
+  test::FaultEnv env_;
   platform::ScopedEnv scoped_;
-  TraceCapture trace_;
+  test::TraceCapture trace_;
   std::vector<DWORD> sizes_;
 };
 

@@ -12,7 +12,6 @@ namespace {
 using test::Body;
 using test::DumpLast;
 using test::Fields;
-using test::Put64;
 using test::Value;
 
 // record_tools.py checks every line of the common block on the real volumes' records;
@@ -23,7 +22,7 @@ TEST(AttributeDump, CommonBlockShowsTheLengthsHalvesAndTheSizesLow48Bits) {
   test::Put32(r.bytes(), r.last() + layout::kAttrLength, 65608);  // the walks use the low half only
   EXPECT_NE(DumpLast(r).find(Fields({{L"Length", L"72"}, {L"Unknown", L"0x0001"}})), std::wstring::npos);
   r.NonResident(layout::kData, {});
-  Put64(r.bytes(), r.last() + layout::kAttrAllocatedSize, 0xFFFF000000044000);
+  test::Put64(r.bytes(), r.last() + layout::kAttrAllocatedSize, 0xFFFF000000044000);
   EXPECT_NE(DumpLast(r).find(Fields({{L"Allocated Size Of The Attribute", L"278528 bytes"}})), std::wstring::npos);
 }
 

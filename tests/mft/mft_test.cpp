@@ -15,8 +15,6 @@
 namespace koru {
 namespace {
 
-using test::Call;
-using test::Put16;
 
 // A disk with one record at `sector`, update sequence number 7, whose array size
 // and sector ends are as the test sets them.
@@ -30,7 +28,7 @@ std::vector<std::byte> DiskWithRecord(std::uint64_t sector, std::uint32_t sector
       {layout::kRecUsaOffset, 0x28}, {layout::kRecUsaCount, usa_count}, {layout::kRecUpdateSequenceNumber, 7},
       {layout::kRecFixUp1, 0x1111},  {layout::kRecFixUp2, 0x2222},      {layout::kRecSectorEnd1, end1},
       {layout::kRecSectorEnd2, end2}};
-  for (const auto& [offset, word] : words) Put16(disk, at + offset, word);
+  for (const auto& [offset, word] : words) test::Put16(disk, at + offset, word);
   return disk;
 }
 
@@ -98,11 +96,10 @@ TEST(MftReadRecord, ReusesItsHandlesAndOpensTheVolumeHintFirst) {
   EXPECT_TRUE(trace.Has(L"[E]: MFT::ReadMftRecord : ... ending(SetVolumeHintHandle() failed)"));
   // With a hint already set, two reads open the disk once.
   mft = DiskReader(512);
-  const int opens = env.Count(Call::CreateFileW);
+  const int opens = env.Count(test::Call::CreateFileW);
   ASSERT_TRUE(mft.ReadMftRecord(2, record));
   ASSERT_TRUE(mft.ReadMftRecord(2, record));
-  EXPECT_EQ(env.Count(Call::CreateFileW) - opens, 1);
-  trace.Reset();
+  EXPECT_EQ(env.Count(test::Call::CreateFileW) - opens, 1);
   EXPECT_TRUE(mft.SetVolumeHintHandle());
   EXPECT_TRUE(trace.Has(L"[V]: MFT::SetVolumeHintHandle : ... ending(already set)"));
   mft.CloseHandles();
@@ -121,7 +118,6 @@ TEST(MftRanges, FailuresAndBoundsBreachesLeaveThePairsUnshifted) {
     mft.CloseHandles();
     return ok;
   };
-  test::TraceCapture trace;
   using R = test::RecordFixture&;
   const SectorRange first{0x80, 0xA0};
   const struct {
@@ -153,7 +149,7 @@ TEST(MftRanges, FailuresAndBoundsBreachesLeaveThePairsUnshifted) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    trace.Reset();
+    test::TraceCapture trace;
     test::RecordFixture r;
     r.NonResident(layout::kData, {0x11, 0x04, 0x10});
     c.build(r);

@@ -24,8 +24,6 @@ Value& Names(Value& v, std::uint16_t sub_at, std::uint16_t sub_len, std::uint16_
 TEST(ReparseDump, TagsFlagsAndTheNamesOfLinks) {
   Value app = Buffer(0x8000001B, 60, 80).u32(8, 3);
   app.text(12, std::u16string(u"Pkg\0App!Main\0C:\\x.exe\0", 22) + u"0");
-  Value app_other = app;
-  app_other.u16(12 + 2 * 22, '1');
 
   const auto head = [](const wchar_t* type, const wchar_t* flags, const wchar_t* length) {
     return Fields({{L"Reparse Type", type}, {L"Reparse Flags", flags}, {L"Reparse Data Length", length}});
@@ -50,8 +48,9 @@ TEST(ReparseDump, TagsFlagsAndTheNamesOfLinks) {
     SCOPED_TRACE(c.what);
     EXPECT_EQ(Body(layout::kReparsePoint, c.value), c.body);
   }
-  EXPECT_NE(Body(layout::kReparsePoint, app_other.bytes).find(L"Application Type                    : 1\n"),
-            std::wstring::npos);
+  // Any application type but "0" is shown as it stands.
+  const std::wstring other = Body(layout::kReparsePoint, Value(app).u16(12 + 2 * 22, '1').bytes);
+  EXPECT_NE(other.find(Fields({{L"Application Type", L"1"}})), std::wstring::npos);
 
   // Names are copied unit by unit; a surrogate pair still comes out as one character.
   Value emoji = Buffer(0xA000000C, 16);
