@@ -6,8 +6,9 @@
       bytes at the clusters its record 0 maps, so vmft and istat can both read it.
   record_tools.py check VMFT IMAGE LETTER --offset SECTORS [--records N] [--bps BYTES]
       Dumps records 0..N-1 with `vmft record LETTER --record N` and compares every
-      field istat -r shows for the same record, and every header field with the raw
-      record on the disk. Prints one line per mismatch; exits 1 if there was any.
+      field istat -r shows for the same record, and every header field and every
+      attribute line (but a reparse point's body) with the raw record on the disk.
+      Prints one line per mismatch; exits 1 if there was any.
 
 The dump shows a record as it lies on the disk (no fix-ups) while istat shows it
 fixed up: values of an attribute that covers the end of a 512-byte half may differ,
