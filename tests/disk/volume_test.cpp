@@ -18,69 +18,8 @@ namespace {
 
 using platform::DWORD;
 using test::Call;
-using test::FaultEnv;
-using test::TraceCapture;
 
-class VolumeName : public ::testing::Test {
- protected:
-  VolumeName() : env_(platform::Env::Default()), scoped_(env_) {}
-  // The platform answers every mount point with `name`, as much as fits and terminated
-  // if room is left, noting what it was asked.
-  void PlatformAnswers(std::wstring name) {
-    env_.AnswerVolumeName([this, name](const wchar_t* mount_point, wchar_t* buffer, DWORD size, DWORD*) {
-      asked_ = mount_point;
-      asked_size_ = size;
-      std::wmemcpy(buffer, name.c_str(), std::min<std::size_t>(name.size() + 1, size));
-      return true;
-    });
-  }
-  FaultEnv env_;
-  platform::ScopedEnv scoped_;
-  TraceCapture trace_;
-  std::wstring asked_;
-  DWORD asked_size_ = 0;
-};
-
-TEST_F(VolumeName, LastCharacterIsDroppedWhateverItIs) {
-  const std::wstring guid = L"\\\\?\\Volume{0A1B2C3D-0000-0000-0000-000000000001}";
-  struct Case {
-    wchar_t letter;
-    std::wstring answer, name;
-  } cases[] = {{L'c', guid + L"\\", guid},
-               {L'D', L"\\\\?\\Volume{X}", L"\\\\?\\Volume{X"},  // no backslash: a real character goes
-               {L'E', L"", L""},
-               {L'F', std::wstring(300, L'v'), std::wstring(258, L'v')}};  // unterminated: stays inside the buffer
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.answer));
-    PlatformAnswers(c.answer);
-    varnel::string name(L"old");
-    ASSERT_TRUE(GetVolumeNameFromDL(c.letter, name));
-    EXPECT_EQ(asked_, std::wstring{c.letter} + L":\\");  // the letter exactly as passed
-    EXPECT_EQ(asked_size_, 260u);
-    EXPECT_EQ(std::wstring(name.c_str()), c.name);
-    EXPECT_TRUE(trace_.Has(L"[I]: GetVolumeNameFromDL : sVolumeName = \"" + c.name + L"\""));
-  }
-}
-
-TEST_F(VolumeName, FailuresLeaveTheNameAndTheListAsTheyWere) {
-  env_.AnswerVolumeName([](const wchar_t*, wchar_t*, DWORD, DWORD* error) {
-    *error = platform::kErrorFileNotFound;
-    return false;
-  });
-  varnel::string name(L"kept");
-  EXPECT_FALSE(GetVolumeNameFromDL(L'Q', name));
-  EXPECT_EQ(name, varnel::string(L"kept"));
-  std::vector<DISK_EXTENT> extents(3);
-  EXPECT_FALSE(GetVolumeDiskExtentList(L'Q', extents));
-  EXPECT_TRUE(trace_.Has(L"[E]: GetVolumeNameFromDL : ... ending(GetVolumeNameForVolumeMountPoint() failed : dwLastError = 2"));
-  EXPECT_TRUE(trace_.Has(L"[V]: GetVolumeDiskExtentList : ... ending(GetVolumeNameFromDL() failed)"));
-  EXPECT_FALSE(GetVolumeDiskExtentList(varnel::string(), extents));
-  EXPECT_TRUE(trace_.Has(L"[V]: GetVolumeDiskExtentList : ... ending(Invalid volume name)"));
-  EXPECT_EQ(extents.size(), 3u);
-  EXPECT_EQ(env_.Count(Call::CreateFileW), 0);
-}
-
-// Extents and geometry through an attached disk whose one partition is C:.
+// Names, extents and geometry through an attached disk whose one partition is C:.
 class VolumeOnDisk : public ::testing::Test {
  protected:
   VolumeOnDisk()
@@ -105,11 +44,58 @@ class VolumeOnDisk : public ::testing::Test {
     return out;
   }
   test::TempDisk disk_;
-  FaultEnv env_;
+  test::FaultEnv env_;
   platform::ScopedEnv scoped_;
-  TraceCapture trace_;
+  test::TraceCapture trace_;
   std::vector<DWORD> sizes_;
 };
+
+TEST_F(VolumeOnDisk, LastCharacterIsDroppedWhateverItIs) {
+  const std::wstring guid = L"\\\\?\\Volume{0A1B2C3D-0000-0000-0000-000000000001}";
+  struct Case {
+    wchar_t letter;
+    std::wstring answer, name;
+  } cases[] = {{L'c', guid + L"\\", guid},
+               {L'D', L"\\\\?\\Volume{X}", L"\\\\?\\Volume{X"},  // no backslash: a real character goes
+               {L'E', L"", L""},
+               {L'F', std::wstring(300, L'v'), std::wstring(258, L'v')}};  // unterminated: stays inside the buffer
+  std::wstring asked;
+  DWORD asked_size = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.answer));
+    // The platform answers with as much as fits, terminated if room is left.
+    env_.AnswerVolumeName([&](const wchar_t* mount_point, wchar_t* buffer, DWORD size, DWORD*) {
+      asked = mount_point;
+      asked_size = size;
+      std::wmemcpy(buffer, c.answer.c_str(), std::min<std::size_t>(c.answer.size() + 1, size));
+      return true;
+    });
+    varnel::string name(L"old");
+    ASSERT_TRUE(GetVolumeNameFromDL(c.letter, name));
+    EXPECT_EQ(asked, std::wstring{c.letter} + L":\\");  // the letter exactly as passed
+    EXPECT_EQ(asked_size, 260u);
+    EXPECT_EQ(std::wstring(name.c_str()), c.name);
+    EXPECT_TRUE(trace_.Has(L"[I]: GetVolumeNameFromDL : sVolumeName = \"" + c.name + L"\""));
+  }
+}
+
+TEST_F(VolumeOnDisk, FailuresLeaveTheNameAndTheListAsTheyWere) {
+  env_.AnswerVolumeName([](const wchar_t*, wchar_t*, DWORD, DWORD* error) {
+    *error = platform::kErrorFileNotFound;
+    return false;
+  });
+  varnel::string name(L"kept");
+  EXPECT_FALSE(GetVolumeNameFromDL(L'Q', name));
+  EXPECT_EQ(name, varnel::string(L"kept"));
+  std::vector<DISK_EXTENT> extents(3);
+  EXPECT_FALSE(GetVolumeDiskExtentList(L'Q', extents));
+  EXPECT_TRUE(trace_.Has(L"[E]: GetVolumeNameFromDL : ... ending(GetVolumeNameForVolumeMountPoint() failed : dwLastError = 2"));
+  EXPECT_TRUE(trace_.Has(L"[V]: GetVolumeDiskExtentList : ... ending(GetVolumeNameFromDL() failed)"));
+  EXPECT_FALSE(GetVolumeDiskExtentList(varnel::string(), extents));
+  EXPECT_TRUE(trace_.Has(L"[V]: GetVolumeDiskExtentList : ... ending(Invalid volume name)"));
+  EXPECT_EQ(extents.size(), 3u);
+  EXPECT_EQ(env_.Count(Call::CreateFileW), 0);
+}
 
 TEST_F(VolumeOnDisk, LetterLeadsToTheOneExtentOfItsPartitionAndAFailedOpenToNone) {
   EXPECT_EQ(Extents(), (std::vector<Extent>{{0, 2048 * 512, 128 * 512}}));
@@ -133,9 +119,8 @@ TEST_F(VolumeOnDisk, BufferGrowsOneExtentAtATimeOnMoreDataAndOnInsufficientBuffe
   PlatformHas({{5, 512, 1024}});
   EXPECT_EQ(Extents(), (std::vector<Extent>{{5, 512, 1024}}));
   EXPECT_EQ(sizes_, (std::vector<DWORD>{104}));  // 56 and 80 were refused before the answer
-}
 
-TEST_F(VolumeOnDisk, CountBeyondTheDeliveredBytesIsCut) {
+  // A count beyond the delivered bytes is cut.
   env_.AnswerIoctl([](DWORD, void* out, DWORD, DWORD* returned, DWORD*) {
     const std::uint32_t count = 0xFFFFFFFFu;
     std::memcpy(out, &count, sizeof count);

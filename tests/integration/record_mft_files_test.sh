@@ -29,6 +29,17 @@ for file in xw.MFT nist-dfr16.MFT libfsntfs-mft_metadata_file.1 4k-large.mft com
   rm -f "$work/$file.img"
 done
 
+# record_tools.py leaves reparse bodies alone; these are real links as Windows lays them
+# out. A symbolic link's print name comes first and ends where its substitute name
+# starts; a mount point's substitute name comes first, so its print name comes out empty.
+links=$KORU_SHARED_DIR/images/mft-files/libfsntfs-mft_metadata_file.1
+for expected in "46|0x0c Symbolic-Link|Microsoft Name-Surrogate|104|[x:\\testdir1\\testfile1]|[\\??\\x:\\testdir1\\testfile1]|0x0" \
+                "47|0x03 Mount-Point|Microsoft Name-Surrogate|64|[]|[\\??\\x:\\testdir1]"; do
+  IFS='|' read -r n values <<<"$expected"
+  shown=$("$VMFT" record --mft-file "$links" --record "$n" --cluster-size 4096 | sed -n '/^Reparse Type /,/^$/s/^[^:]*: //p')
+  [[ $(tr '\n' '|' <<<"$shown") == "$values|" ]] || fail "reparse point of record $n: $shown"
+done
+
 records=$KORU_SHARED_DIR/images/records
 python3 - "$records" "$work/4kn.img" <<'PY' || fail "cannot build the 4K-sector disk"
 import sys

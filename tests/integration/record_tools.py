@@ -6,14 +6,16 @@
       bytes at the clusters its record 0 maps, so vmft and istat can both read it.
   record_tools.py check VMFT IMAGE LETTER --offset SECTORS [--records N] [--bps BYTES]
       Dumps records 0..N-1 with `vmft record LETTER --record N` and compares every
-      field istat -r shows for the same record, and every header field with the raw
-      record on the disk. Prints one line per mismatch; exits 1 if there was any.
+      field istat -r shows for the same record, and every header field and every
+      attribute line (but a reparse point's body) with the raw record on the disk.
+      Prints one line per mismatch; exits 1 if there was any.
 
 The dump shows a record as it lies on the disk (no fix-ups) while istat shows it
 fixed up: values of an attribute that covers the end of a 512-byte half may differ,
 and are not compared.
 """
 import argparse
+import datetime
 import os
 import re
 import struct
@@ -126,6 +128,160 @@ def wrap(mft_file, image):
                 out.write(mft[vcn * cluster:(vcn + n) * cluster])
 
 
+# --- the text of an attribute, from its bytes -------------------------------------------
+FILE_ATTRIBUTES = [(0x1, "Read-Only"), (0x2, "Hidden"), (0x4, "System"), (0x20, "Archive"), (0x40, "Device"),
+                   (0x80, "Normal"), (0x100, "Temporary"), (0x200, "Sparse-File"), (0x400, "Reparse-Point"),
+                   (0x800, "Compressed"), (0x1000, "Offline"), (0x2000, "Not-Content-Indexed"),
+                   (0x4000, "Encrypted"), (0x10000000, "Directory"), (0x20000000, "Index-View")]
+NAMESPACES = ["Posix", "Win32", "DOS", "Win32 & DOS"]
+
+
+def words(value, table):
+    return " ".join(word for bit, word in table if value & bit)
+
+
+def filetime(value):
+    """The dump's text of a FILETIME; None where Python cannot say (past the year 9999)."""
+    if value == 0 or value >= 1 << 63:
+        return "<invalid>"
+    try:
+        return (datetime.datetime(1601, 1, 1) + datetime.timedelta(microseconds=value // 10)).strftime(
+            "%d/%m/%Y %H:%M:%S")
+    except OverflowError:
+        return None
+
+
+def utf16(b):
+    return b[:len(b) // 2 * 2].decode("utf-16-le", "surrogatepass")
+
+
+def guid(b):
+    return "{%08x-%04x-%04x-%s-%s}" % (*struct.unpack_from("<IHH", b), b[8:10].hex(), b[10:16].hex())
+
+
+class Fields:
+    """Lines "label: value" of a value, up to the first field it does not hold."""
+
+    def __init__(self, value):
+        self.value, self.lines, self.complete = value, [], True
+
+    def has(self, at, size):
+        self.complete = self.complete and at + size <= len(self.value)
+        return self.complete
+
+    def num(self, at, size):
+        return int.from_bytes(self.value[at:at + size], "little")
+
+    def add(self, label, at, size, show=str):
+        if self.has(at, size):
+            self.lines.append((label, show(self.num(at, size))))
+
+
+def hex_of(width):
+    return lambda n: f"0x{n:0{width}x}"
+
+
+def body_lines(kind, value):
+    """The lines of a resident value's body; None for a body not modelled here."""
+    v = Fields(value)
+    low48 = (1 << 48) - 1
+    if kind in (0x10, 0x30):
+        if kind == 0x30 and v.has(0, 8):
+            v.lines.append(("Reference To The Parent Directory", f"{v.num(0, 8) & low48}/{v.num(6, 2)}"))
+        start = 0 if kind == 0x10 else 8
+        for i, label in enumerate(["File Creation Time", "File Altered Time", "MFT Changed Time", "File Read Time"]):
+            v.add(label, start + 8 * i, 8, filetime)
+    if kind == 0x10:
+        v.add("DOS File Permissions", 32, 4, lambda n: words(n, FILE_ATTRIBUTES[:9]))
+        for i, label in enumerate(["Maximum Number Of Versions", "Version Number", "Class ID", "Owner ID",
+                                   "Security ID"]):
+            v.add(label, 36 + 4 * i, 4)
+        v.add("Quota Charged", 56, 8, hex_of(16))
+        v.add("Update Sequence Number", 64, 8, hex_of(16))
+    elif kind == 0x30:
+        v.add("Allocated Size Of The File", 40, 8, lambda n: f"{n & low48} (0x{n & low48:x})")
+        v.add("Real Size Of The File", 48, 8, lambda n: str(n & low48))
+        v.add("Flags", 56, 4, lambda n: words(n, FILE_ATTRIBUTES))
+        v.add("Used By EAs and Reparse", 60, 4, hex_of(8))
+        v.add("File Name Length (wchar_t)", 64, 1)
+        v.add("File Name Namespace", 65, 1, lambda n: NAMESPACES[n] if n < 4 else f"0x{n:02x}")
+        if v.complete:
+            v.lines.append(("File Name", f"[{sanitize(utf16(value[66:66 + 2 * v.num(64, 1)]))}]"))
+    elif kind == 0x20:
+        at = 0
+        while at < len(value):
+            e = Fields(value[at:])
+            e.add("Type", 0, 4, lambda n: TYPES.get(n, f"{n:08x}"))
+            for label, offset, size in [("Record Length", 4, 2), ("Name Length", 6, 1), ("Offset To Name", 7, 1),
+                                        ("StartingVCN", 8, 8)]:
+                e.add(label, offset, size)
+            if e.has(16, 8):
+                e.lines.append(("Base File Reference Of Attribute", f"{e.num(16, 8) & low48}/{e.num(22, 2)}"))
+            e.add("Attribute Id", 24, 2)
+            v.lines += e.lines
+            if not e.complete:
+                break
+            if e.num(6, 1):
+                name = utf16(e.value[e.num(7, 1):e.num(7, 1) + 2 * e.num(6, 1)])
+                v.lines.append(("Name", f"[{sanitize_attribute(name)}]"))
+            if e.num(4, 2) == 0:
+                break
+            at += e.num(4, 2)
+    elif kind == 0x40:
+        for i, label in enumerate(["GUID Object Id", "GUID Birth Volume Id", "GUID Birth Object Id", "GUID Domain Id"]):
+            if v.has(16 * i, 16):
+                v.lines.append((label, guid(value[16 * i:16 * i + 16])))
+    elif kind == 0x50:
+        for label, at, size, show in [("Revision", 0, 1, str), ("Control Flags", 2, 2, hex_of(4)),
+                                      ("Offset to User SID", 4, 4, str), ("Offset to Group SID", 8, 4, str)]:
+            v.add(label, at, size, show)
+    elif kind == 0x60:
+        v.lines.append(("Volume Name", f"[{sanitize(utf16(value))}]"))
+    elif kind == 0x70:
+        for label, at, size, show in [("Unknown", 0, 8, hex_of(16)), ("Major Version Number", 8, 1, str),
+                                      ("Minor Version Number", 9, 1, str), ("Flags", 10, 2, hex_of(4)),
+                                      ("Unknown", 12, 4, hex_of(8))]:
+            v.add(label, at, size, show)
+    elif kind == 0xD0:
+        for label, at, size in [("Size Of Packed EAs", 0, 2), ("Number of EAs with NEED_EA set", 2, 2),
+                                ("Size Of Unpacked EAs", 4, 4)]:
+            v.add(label, at, size)
+    elif kind == 0xC0:
+        return None
+    return v.lines
+
+
+def attribute_lines(record, at):
+    """The lines of the attribute at `at` of a record as it lies on the disk; the second
+    item says whether they are all of them."""
+    h = Fields(record[at:])
+    length = h.num(4, 4)
+    resident = record[at + 8] == 0
+    lines = [("Length", str(length & 0xFFFF)), ("Unknown", f"0x{length >> 16:04x}"),
+             ("Non-Resident?", "false" if resident else "true")]
+    name_length, name_at = record[at + 9], h.num(10, 2)
+    if name_length:
+        lines += [("Name Length", str(name_length)), ("Offset To Name", str(name_at))]
+    lines += [("Attribute Flags", words(h.num(12, 2), [(1, "Compressed"), (0x4000, "Encrypted"), (0x8000, "Sparse")])),
+              ("Attribute ID", f"0x{h.num(14, 2):04x}")]
+    if resident:
+        lines += [("Attribute Length", str(h.num(16, 4))), ("Offset To Attribute", str(h.num(20, 2))),
+                  ("Indexed Flag", "true" if record[at + 22] else "false")]
+    else:
+        lines += [(label, str(h.num(offset, size))) for label, offset, size in
+                  [("Starting VCN", 16, 8), ("Last VCN", 24, 8), ("Offset to the Data Runs", 32, 2),
+                   ("Compression Unit Size", 34, 2)]]
+        lines += [(label, f"{h.num(offset, 8) & ((1 << 48) - 1)} bytes") for label, offset in
+                  [("Allocated Size Of The Attribute", 40), ("Real Size Of The Attribute", 48),
+                   ("Initialized Data Size Of The Stream", 56)]]
+    if name_length:
+        lines.append(("Name", f"[{sanitize_attribute(utf16(record[at + name_at:at + name_at + 2 * name_length]))}]"))
+    if not resident:
+        return lines, True
+    body = body_lines(h.num(0, 4), record[at + h.num(20, 2):at + h.num(20, 2) + h.num(16, 4)])
+    return lines + (body or []), body is not None
+
+
 # --- check --------------------------------------------------------------------------
 def parse_dump(text):
     """{'header': {...}, 'attributes': [{'type', 'offset', 'fields', 'runs', 'entries'}]}."""
@@ -139,15 +295,17 @@ def parse_dump(text):
         i += 1
     for line, underline in zip(lines[i:], lines[i + 1:]):
         if line.startswith("$") and underline == "-" * len(line):
-            sections.append({"type": line, "fields": {}, "runs": [], "entries": []})
+            sections.append({"type": line, "fields": {}, "runs": [], "entries": [], "lines": []})
         elif sections and line.startswith("Sector# "):
             first, last = re.match(r"Sector# (\d+) to (\d+)$", line).groups()
             sections[-1]["runs"].append((int(first), int(last)))
         elif sections and line == "-" * 56:
             sections[-1]["entries"].append({})
-        elif sections and len(line) > 37 and line[36] == ":":
+        elif sections and len(line) > 36 and line[36] == ":":
             target = sections[-1]["entries"][-1] if sections[-1]["entries"] else sections[-1]["fields"]
-            target.setdefault(line[:36].rstrip(), line[38:] if line[37:38] == " " else line[37:])
+            label, value = line[:36].rstrip(), line[38:] if line[37:38] == " " else line[37:]
+            target.setdefault(label, value)
+            sections[-1]["lines"].append((label, value))
     offset = int(header.get("Offset to first attribute", "0"))
     for s in sections:
         s["offset"] = offset
@@ -244,14 +402,31 @@ class Checker:
         usa, count = struct.unpack_from("<HH", record, 4)
         signature = "".join(chr(b) if chr(b) in ALLOWED else "?" for b in record[:4])
         self.same(number, "signature", h["Record Signature"], f"[{signature}]")
-        for label, at, size in [("Sequence Number", 0x10, 2), ("Hard-link count", 0x12, 2),
+        for label, at, size in [("Offset to update sequence array", 4, 2), ("Size of update sequence array", 6, 2),
+                                ("Sequence Number", 0x10, 2), ("Hard-link count", 0x12, 2),
                                 ("Offset to first attribute", 0x14, 2), ("Actual size of MFT entry", 0x18, 4),
                                 ("Allocated size of MFT entry", 0x1C, 4), ("Next Attribute Id", 0x28, 2),
                                 ("MFT Record Number", 0x2C, 4), ("Update Sequence Number", 0x30, 2)]:
             self.same(number, label, h[label], int.from_bytes(record[at:at + size], "little"))
+        flags = [(1, "Record Segment In-Use"), (2, "File Name Index Present"), (4, "Record is an Extension"),
+                 (8, "Special Index Present")]
+        self.same(number, "flags", h["Flags"], words(struct.unpack_from("<H", record, 0x16)[0], flags))
+        base = "Seq=%d, Hi=%d, Lo=%d" % struct.unpack_from("<IHH", record, 0x20)[::-1]
+        self.same(number, "base record", h["Base File Record Segment"], base)
         listing = "".join(f" 0x{record[usa + i]:02x}" for i in range(count) if usa + i < 1024)
         self.same(number, "update sequence array", h["Update Sequence Array"], listing.strip())
         return record
+
+    def check_lines(self, number, dump, record):
+        """Every line of every attribute, against the record's bytes."""
+        for a in dump["attributes"]:
+            theirs, whole = attribute_lines(record, a["offset"])
+            ours = a["lines"] if whole else a["lines"][:len(theirs)]
+            wrong = [(o, t) for o, t in zip(ours, theirs) if o[0] != t[0] or t[1] not in (None, o[1])]
+            self.compared += 1
+            if wrong or len(ours) != len(theirs):
+                self.fail(number, f"{a['type']} at {a['offset']}", [o for o, _ in wrong] + ours[len(theirs):],
+                          [t for _, t in wrong] + theirs[len(ours):])
 
     def mft_runs(self):
         """The MFT's runs as istat reads them: (first sector, sectors) on the disk."""
@@ -280,6 +455,7 @@ class Checker:
             return
         dump = parse_dump(result.stdout)
         record = self.check_header(number, dump)
+        self.check_lines(number, dump, record)
         self.same(number, "sector", dump["header"]["Absolute Sectors"].split()[0], self.expected_sector(number))
         if not self.istat:
             return

@@ -9,22 +9,6 @@
 namespace koru {
 namespace {
 
-// A resident $STANDARD_INFORMATION at 0x38 (0x60 bytes), a non-resident $DATA at
-// 0x98 (0x48 bytes), then the end marker at 0xE0.
-std::vector<std::byte> Record() {
-  test::RecordFixture r;
-  r.Resident(layout::kStandardInformation, 0x48).NonResident(layout::kData, {}).End();
-  return r.bytes();
-}
-
-std::vector<std::uint32_t> Walk(const std::vector<std::byte>& record, bool& bounds) {
-  AttributeWalk walk(Bytes(record), 8, 1234);
-  std::vector<std::uint32_t> types;
-  while (auto a = walk.Next()) types.push_back(le32Or0(a->header(), 0));
-  bounds = walk.stopped_on_bounds();
-  return types;
-}
-
 TEST(AttributeWalk, EndsAtTheEndMarkerTypeZeroAnUnknownTypeOrAnyBoundsBreach) {
   struct Case {
     const char* what;
@@ -49,15 +33,19 @@ TEST(AttributeWalk, EndsAtTheEndMarkerTypeZeroAnUnknownTypeOrAnyBoundsBreach) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    auto r = Record();
+    // A resident $STANDARD_INFORMATION at 0x38 (0x60 bytes), a non-resident $DATA at
+    // 0x98 (0x48 bytes), then the end marker at 0xE0.
+    test::RecordFixture f;
+    auto& r = f.Resident(layout::kStandardInformation, 0x48).NonResident(layout::kData, {}).End().bytes();
     test::Put32(r, c.at, c.value);
     test::Put32(r, 0x3FC, layout::kData);  // what a cut header at 0x3FC would start with
     test::TraceCapture trace;
-    bool bounds = !c.bounds;
-    const auto types = Walk(r, bounds);
+    AttributeWalk walk(Bytes(r), 8, 1234);
+    std::vector<std::uint32_t> types;
+    while (auto a = walk.Next()) types.push_back(le32Or0(a->header(), 0));
     const std::uint32_t all[] = {layout::kStandardInformation, layout::kData};
     EXPECT_EQ(types, std::vector<std::uint32_t>(all, all + c.visited));
-    EXPECT_EQ(bounds, c.bounds);
+    EXPECT_EQ(walk.stopped_on_bounds(), c.bounds);
     EXPECT_EQ(trace.Contains(L"record at sector 1234"), c.bounds);
     EXPECT_EQ(trace.Contains(L"[E]: Attribute::Factory : Unknown Atribute Type"), c.unknown);
   }

@@ -13,16 +13,6 @@ namespace {
 
 using End = Attribute::RunListEnd;
 
-SectorRanges Decode(const std::vector<std::uint8_t>& runs, platform::DWORD sectors_per_cluster,
-                    End* end = nullptr) {
-  DATA_Attribute attribute(Bytes{}, sectors_per_cluster);
-  std::deque<std::uint8_t> queue(runs.begin(), runs.end());
-  SectorRanges ranges;
-  const End how = attribute.ProcessDataRun(queue, ranges);
-  if (end) *end = how;
-  return ranges;
-}
-
 TEST(DataRuns, RunListsBecomeVolumeRelativeSectorRanges) {
   struct Case {
     const char* what;
@@ -59,9 +49,10 @@ TEST(DataRuns, RunListsBecomeVolumeRelativeSectorRanges) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    End end{};
-    EXPECT_EQ(Decode(c.runs, c.spc, &end), c.expected);
-    EXPECT_EQ(end, c.end);
+    std::deque<std::uint8_t> queue(c.runs.begin(), c.runs.end());
+    SectorRanges ranges;
+    EXPECT_EQ(DATA_Attribute(Bytes{}, c.spc).ProcessDataRun(queue, ranges), c.end);
+    EXPECT_EQ(ranges, c.expected);
   }
 }
 
@@ -70,13 +61,11 @@ TEST(DataRuns, GetSectorRangeReadsTheRunListWithinTheAttributeAndRefusesOthers) 
   r.NonResident(layout::kData, {0x11, 0x04, 0x10});  // 0x48 bytes at 0x38, runs from 0x40
   const Bytes attribute = Bytes(r.bytes()).subspan(0x38);
   DATA_Attribute data(attribute, 1);
-  SectorRanges ranges{{1, 2}};
-  ASSERT_TRUE(data.GetSectorRange(attribute, ranges));
-  EXPECT_EQ(ranges, (SectorRanges{{1, 2}, {0x10, 0x14}}));
+  // The whole attribute is read in MftRanges.FailuresAndBoundsBreachesLeaveThePairsUnshifted.
   // A length field larger than the attribute's bytes is clipped to them: fine when
   // the list closes within them, a cut list when it would run on.
   test::Put32(r.bytes(), 0x38 + layout::kAttrLength, 0xFFFF);
-  ranges.clear();
+  SectorRanges ranges;
   EXPECT_TRUE(data.GetSectorRange(attribute.first(0x44), ranges));
   EXPECT_FALSE(data.GetSectorRange(attribute.first(0x43), ranges));
   EXPECT_EQ(ranges.size(), 2u);
@@ -86,10 +75,8 @@ TEST(DataRuns, GetSectorRangeReadsTheRunListWithinTheAttributeAndRefusesOthers) 
   EXPECT_TRUE(data.GetSectorRange(attribute, ranges));
   EXPECT_TRUE(ranges.empty());
 
+  // A resident $DATA is refused in MftRanges.FailuresAndBoundsBreachesLeaveThePairsUnshifted.
   test::TraceCapture trace;
-  r.bytes()[0x38 + layout::kAttrNonResident] = std::byte{0};
-  EXPECT_FALSE(data.GetSectorRange(attribute, ranges));
-  EXPECT_TRUE(trace.Has(L"[V]: DATA_Attribute::GetSectorRange : ... ending(Resident $DATA attribute)"));
   EXPECT_FALSE(data.GetSectorRange(Bytes{}, ranges));
   EXPECT_TRUE(trace.Contains(L"DATA_Attribute::GetSectorRange : ... ending(null $DATA attribute header pointer)"));
   EXPECT_TRUE(ranges.empty());

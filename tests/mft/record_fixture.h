@@ -29,25 +29,18 @@ class RecordFixture {
     Put16(bytes_, layout::kRecFirstAttribute, 0x38);
   }
 
-  // A resident attribute with a value of `value_length` zero bytes.
-  RecordFixture& Resident(std::uint32_t type, std::size_t value_length = 8) {
-    return Resident(type, std::vector<std::byte>(value_length));
-  }
+  // A resident attribute with a value of `n` zero bytes.
+  RecordFixture& Resident(std::uint32_t type, std::size_t n = 8) { return Resident(type, std::vector<std::byte>(n)); }
 
   // A resident attribute holding `value`, named `name`, with attribute id `id`.
   RecordFixture& Resident(std::uint32_t type, const std::vector<std::byte>& value, const std::u16string& name = u"",
                           std::uint16_t id = 0) {
-    const std::size_t value_at = Align8(static_cast<std::uint32_t>(layout::kResidentHeaderSize + 2 * name.size()));
-    const std::uint32_t length = Align8(static_cast<std::uint32_t>(value_at + value.size()));
-    last_ = next_;
-    Put32(bytes_, next_ + layout::kAttrType, type);
-    Put32(bytes_, next_ + layout::kAttrLength, length);
-    Name(name, layout::kResidentHeaderSize);
-    Put16(bytes_, next_ + layout::kAttrId, id);
-    Put32(bytes_, next_ + layout::kAttrValueLength, static_cast<std::uint32_t>(value.size()));
-    Put16(bytes_, next_ + layout::kAttrValueOffset, static_cast<std::uint16_t>(value_at));
-    std::copy(value.begin(), value.end(), bytes_.begin() + static_cast<std::ptrdiff_t>(next_ + value_at));
-    next_ += length;
+    const std::size_t value_at = Align8(layout::kResidentHeaderSize + 2 * name.size());
+    Begin(type, Align8(value_at + value.size()), name, layout::kResidentHeaderSize);
+    Put16(bytes_, last() + layout::kAttrId, id);
+    Put32(bytes_, last() + layout::kAttrValueLength, static_cast<std::uint32_t>(value.size()));
+    Put16(bytes_, last() + layout::kAttrValueOffset, static_cast<std::uint16_t>(value_at));
+    std::copy(value.begin(), value.end(), bytes_.begin() + static_cast<std::ptrdiff_t>(last() + value_at));
     return *this;
   }
 
@@ -55,17 +48,11 @@ class RecordFixture {
   // the header; `name` puts a stream name between them.
   RecordFixture& NonResident(std::uint32_t type, const std::vector<std::uint8_t>& runs,
                              const std::u16string& name = u"") {
-    const std::size_t name_at = layout::kNonResidentHeaderSize;
-    const std::size_t runs_at = Align8(static_cast<std::uint32_t>(name_at + 2 * name.size()));
-    const std::uint32_t length = Align8(static_cast<std::uint32_t>(runs_at + runs.size() + 1));
-    last_ = next_;
-    Put32(bytes_, next_ + layout::kAttrType, type);
-    Put32(bytes_, next_ + layout::kAttrLength, length);
-    bytes_[next_ + layout::kAttrNonResident] = std::byte{1};
-    Name(name, name_at);
-    Put16(bytes_, next_ + layout::kAttrRunListOffset, static_cast<std::uint16_t>(runs_at));
-    for (std::size_t i = 0; i < runs.size(); ++i) bytes_[next_ + runs_at + i] = std::byte{runs[i]};
-    next_ += length;
+    const std::size_t runs_at = Align8(layout::kNonResidentHeaderSize + 2 * name.size());
+    Begin(type, Align8(runs_at + runs.size() + 1), name, layout::kNonResidentHeaderSize);
+    bytes_[last() + layout::kAttrNonResident] = std::byte{1};
+    Put16(bytes_, last() + layout::kAttrRunListOffset, static_cast<std::uint16_t>(runs_at));
+    for (std::size_t i = 0; i < runs.size(); ++i) bytes_[last() + runs_at + i] = std::byte{runs[i]};
     return *this;
   }
 
@@ -87,20 +74,26 @@ class RecordFixture {
   }
 
   std::vector<std::byte>& bytes() { return bytes_; }
-  // Where the attribute added last starts.
-  std::size_t last() const { return last_; }
+  // Where the attribute added last starts, and where each did.
+  std::size_t last() const { return starts_.back(); }
+  const std::vector<std::size_t>& starts() const { return starts_; }
 
  private:
-  void Name(const std::u16string& name, std::size_t at) {
-    bytes_[next_ + layout::kAttrNameLength] = static_cast<std::byte>(name.size());
-    Put16(bytes_, next_ + layout::kAttrNameOffset, static_cast<std::uint16_t>(at));
-    for (std::size_t i = 0; i < name.size(); ++i) Put16(bytes_, next_ + at + 2 * i, name[i]);
+  // Starts an attribute of `length` bytes at the next free place, its name at `name_at`.
+  void Begin(std::uint32_t type, std::size_t length, const std::u16string& name, std::size_t name_at) {
+    starts_.push_back(next_);
+    next_ += length;
+    Put32(bytes_, last() + layout::kAttrType, type);
+    Put32(bytes_, last() + layout::kAttrLength, static_cast<std::uint32_t>(length));
+    bytes_[last() + layout::kAttrNameLength] = static_cast<std::byte>(name.size());
+    Put16(bytes_, last() + layout::kAttrNameOffset, static_cast<std::uint16_t>(name_at));
+    for (std::size_t i = 0; i < name.size(); ++i) Put16(bytes_, last() + name_at + 2 * i, name[i]);
   }
 
-  static std::uint32_t Align8(std::uint32_t n) { return (n + 7) & ~7u; }
+  static std::size_t Align8(std::size_t n) { return (n + 7) & ~std::size_t{7}; }
   std::vector<std::byte> bytes_;
   std::size_t next_ = 0x38;
-  std::size_t last_ = 0x38;
+  std::vector<std::size_t> starts_;
 };
 
 // An attribute value built field by field.
@@ -119,19 +112,24 @@ struct Value {
 
 // A reader of \\.\PhysicalDrive0 as drive C:, 8 sectors to a cluster; the disk stands
 // in for the volume hint, as the images here have no lettered volume.
-inline platform::HANDLE OpenDisk() {
-  return platform::Env::Default().CreateFileW(L"\\\\.\\PhysicalDrive0", platform::kGenericRead, 0,
-                                              platform::kOpenExisting, 0);
-}
-inline MFT DiskReader(std::uint32_t sector_size, std::uint64_t mft_sector = 0, bool hint = true) {
+inline MFT DiskReader(std::uint32_t sector_size, std::uint64_t mft_sector = 0) {
   MFT mft;
   mft.SetPhysicalDrive(0);
   mft.m_wcDriveLetter = L'C';
   mft.m_dwBytesPerSector = sector_size;
   mft.m_dwSectorsPerCluster = 8;
   mft.m_uiMftSector = mft_sector;
-  if (hint) mft.m_hVolumeHint = OpenDisk();
+  mft.m_hVolumeHint = platform::Env::Default().CreateFileW(L"\\\\.\\PhysicalDrive0", platform::kGenericRead, 0,
+                                                          platform::kOpenExisting, 0);
   return mft;
+}
+
+// A disk of `sectors` sectors with `record` at sector `at`.
+inline std::vector<std::byte> DiskWith(const std::vector<std::byte>& record, std::size_t at, std::size_t sectors,
+                                       std::uint32_t sector_size = 512) {
+  std::vector<std::byte> disk(sectors * sector_size);
+  std::copy(record.begin(), record.end(), disk.begin() + static_cast<std::ptrdiff_t>(at * sector_size));
+  return disk;
 }
 
 // The dump of the attribute added last, given the rest of the record as the record
@@ -139,8 +137,7 @@ inline MFT DiskReader(std::uint32_t sector_size, std::uint64_t mft_sector = 0, b
 inline std::wstring DumpLast(RecordFixture& r) {
   const Bytes header = Bytes(r.bytes()).subspan(r.last());
   std::wostringstream os;
-  const auto attribute = Attribute::Factory(header, 8);
-  if (attribute) attribute->Dump(os, header);
+  if (const auto attribute = Attribute::Factory(header, 8)) attribute->Dump(os, header);
   return os.str();
 }
 
@@ -159,9 +156,7 @@ inline std::wstring Fields(std::initializer_list<Field> fields, std::size_t widt
 
 // What a resident attribute's dump writes after its common block.
 inline std::wstring Body(std::uint32_t type, const std::vector<std::byte>& value) {
-  RecordFixture r;
-  r.Resident(type, value);
-  const std::wstring dump = DumpLast(r);
+  const std::wstring dump = DumpLast(RecordFixture().Resident(type, value));
   const std::size_t at = dump.find(L"Indexed Flag");
   return at == std::wstring::npos ? dump : dump.substr(dump.find(L'\n', at) + 1);
 }

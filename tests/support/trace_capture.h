@@ -29,13 +29,9 @@ class TraceCapture {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
   }
-  bool Has(const std::wstring& line) const {
-    const auto all = lines();
-    return std::find(all.begin(), all.end(), line) != all.end();
-  }
+  bool Has(const std::wstring& line) const { return std::ranges::count(lines(), line) > 0; }
   bool Contains(const std::wstring& fragment) const {
-    const auto all = lines();
-    return std::any_of(all.begin(), all.end(), [&](const auto& l) { return l.find(fragment) != std::wstring::npos; });
+    return std::ranges::any_of(lines(), [&](const auto& l) { return l.find(fragment) != std::wstring::npos; });
   }
   void Reset() {
     std::lock_guard<std::mutex> lock(mutex_);
