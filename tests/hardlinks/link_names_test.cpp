@@ -33,10 +33,6 @@ TEST_F(LinkNames, NameFromIdIsThePathOfTheFileWithThatReference) {
   varnel::string name(L"kept:");
   ASSERT_TRUE(NameOf(3ull << 48 | 0x1A2B, name));
   EXPECT_EQ(std::wstring(name.c_str()), L"kept:" + path);
-  // A reference whose sequence number no longer matches is no file.
-  EXPECT_FALSE(NameOf(4ull << 48 | 0x1A2B, name));
-  EXPECT_TRUE(trace_.Has(L"[V]: GetFileNameFromId : FileRef.SequenceNum = 4"));
-  EXPECT_TRUE(trace_.Has(L"[E]: GetFileNameFromId : ... ending(OpenFileById() failed - Invalid Parameter)"));
 }
 
 TEST_F(LinkNames, AllNamesSortedWithoutCaseTheFirstKeptTheOthersThroughTheSkipList) {
@@ -66,6 +62,7 @@ TEST_F(LinkNames, EveryFailureNamesItsCause) {
   } cases[] = {
       {Call::OpenFileById, 5, id + L"... ending(OpenFileById() failed - Access Denied)"},
       {Call::OpenFileById, 1920, id + L"... ending(OpenFileById() failed - Can't Access File)"},
+      {Call::OpenFileById, 87, id + L"... ending(OpenFileById() failed - Invalid Parameter)"},
       {Call::OpenFileById, 120, id + L"... ending(OpenFileById() failed) : dwLastError = 120"},
       {Call::GetFileInformationByHandleEx, 6, id + L"... ending(GetFileInformationByHandleEx() failed - invalid handle)"},
       {Call::GetFileInformationByHandleEx, 87,
