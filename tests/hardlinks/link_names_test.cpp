@@ -37,10 +37,8 @@ TEST_F(LinkNames, NameFromIdIsThePathOfTheFileWithThatReference) {
 
 TEST_F(LinkNames, AllNamesSortedWithoutCaseTheFirstKeptTheOthersThroughTheSkipList) {
   // As the system lists them: the first and one more lie in skipped places.
-  files_.files = {{9,
-                   {L"\\Windows\\Temp\\first.dll", L"\\b\\Zeta.dll", L"\\A\\alpha.dll", L"\\$Recycle.Bin\\x.dll",
-                    L"\\a\\Beta.dll"},
-                   824}};
+  files_.files = {{9, {L"\\Windows\\Temp\\first.dll", L"\\b\\Zeta.dll", L"\\A\\alpha.dll", L"\\$Recycle.Bin\\x.dll",
+                       L"\\a\\Beta.dll"}, 824}};
   Names names;
   std::uint64_t size = 0;
   ASSERT_TRUE(GetHardlinkNames(L"V:\\b\\Zeta.dll", L'C', L'V', names, size));
