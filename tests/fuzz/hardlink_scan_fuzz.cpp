@@ -39,9 +39,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   boot_sector.m_dwBytesPerSector = sector;
   std::uint64_t mft_sector = 0;
   if (!boot_sector.GetMftSector(koru::VolumeStart{0, 0}, mft_sector)) return 0;
-  koru::MFT mft = koru::MakeReader({.bytes_per_sector = sector, .sectors_per_cluster = boot_sector.m_dwSectorsPerCluster,
-                                    .bytes_per_record = boot_sector.m_dwBytesPerFileRecord},
-                                   L'C', mft_sector);
+  koru::ExtentPlace place;
+  place.bytes_per_sector = sector, place.sectors_per_cluster = boot_sector.m_dwSectorsPerCluster;
+  place.bytes_per_record = boot_sector.m_dwBytesPerFileRecord;
+  koru::MFT mft = koru::MakeReader(place, L'C', mft_sector);
   HardLinkMap map;
   std::wostringstream progress;
   mft.GetHardLinkList(map, progress);

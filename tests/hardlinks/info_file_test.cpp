@@ -19,7 +19,9 @@ class InfoFile : public ::testing::Test {
  protected:
   InfoFile() : faults_(static_cast<platform::Env&>(files_)), scope_(faults_) {
     files_.host = "BUILD01";
-    files_.local_time = std::tm{.tm_sec = 3, .tm_min = 7, .tm_hour = 9, .tm_mday = 5, .tm_mon = 10, .tm_year = 126};
+    std::tm t{};
+    t.tm_year = 2026 - 1900, t.tm_mon = 10, t.tm_mday = 5, t.tm_hour = 9, t.tm_min = 7, t.tm_sec = 3;
+    files_.local_time = t;
   }
   // Writes the file for `map` (names asked for through V:, written under C:) and reads it back.
   std::string Write(const HardLinkMap& map, bool expected = true) {
@@ -47,8 +49,6 @@ TEST_F(InfoFile, KeysKeepTheirSequenceNumberAndFilesOfOneNameOrNoneAreLeftOut) {
   EXPECT_EQ(Write({{0xFFFF000000000001, L"\\b.txt"}, {5, L"\\one.txt"}, {6, L"\\gone.txt"}}),
             kHead + "[ffff000000000001]\r\nFile0=C:\\b.txt\r\nFile1=C:\\caf\xe9\\r\xe9sum\xe9.txt\r\nCount=2\r\n"
                     "Size=5\r\n[Totals]\r\nSections=1\r\nBytes=5\r\n");
-  EXPECT_TRUE(trace_.Has(L"[V]: VMFT::WriteHLInfo : Link Name list size <= 1"));
-  EXPECT_TRUE(trace_.Has(L"[V]: VMFT::WriteHLInfo : ...  ending"));
 }
 
 TEST_F(InfoFile, WhatTheSystemCannotSayOrTheFileCannotHoldIsLeftOut) {
