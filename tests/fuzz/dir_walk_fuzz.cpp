@@ -54,12 +54,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     names.push_back(name);
     const platform::DWORD error = kErrors[value >> 5];
     switch (head >> 3 & 7) {
-      case 0: case 1: case 2:
-        files.files.push_back({std::uint64_t{value} << 48 | (next() + 1u), {name}, 0});
-        break;
+      case 0: case 1: case 2: files.files.push_back({std::uint64_t{value} << 48 | (next() + 1u), {name}, 0}); break;
       case 3:
-        if (files.files.empty()) break;
-        if (files.files.back().names.size() < 4) files.files.back().names.push_back(name);
+        if (!files.files.empty() && files.files.back().names.size() < 4) files.files.back().names.push_back(name);
         break;
       case 4: files.folders.push_back(name); break;
       case 5: files.reparse.insert(name); break;

@@ -5,9 +5,11 @@
 // file-record size field; the rest is the MFT, from cluster 16 on.
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <sstream>
 #include <vector>
 
+#include "api/extent_chain.h"
 #include "disk/boot_sector.h"
 #include "mft/mft.h"
 #include "support/fake_files_env.h"
@@ -18,9 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size < 2) return 0;
   varnel::Trace().SetLevel(0);
   const std::uint32_t sector = (data[0] & 1) ? 4096 : 512;
+  // One sector a cluster, the MFT at cluster 16.
   std::vector<std::byte> image(16 * sector);
-  const char oem[] = "NTFS    ";
-  for (std::size_t i = 0; i < 8; ++i) image[3 + i] = static_cast<std::byte>(oem[i]);
+  std::memcpy(image.data() + 3, "NTFS    ", 8);
   image[0x0B] = static_cast<std::byte>(sector & 0xFF);
   image[0x0C] = static_cast<std::byte>(sector >> 8);
   image[0x0D] = std::byte{1};
@@ -37,13 +39,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   boot_sector.m_dwBytesPerSector = sector;
   std::uint64_t mft_sector = 0;
   if (!boot_sector.GetMftSector(koru::VolumeStart{0, 0}, mft_sector)) return 0;
-  koru::MFT mft;
-  mft.SetPhysicalDrive(0);
-  mft.m_wcDriveLetter = L'C';
-  mft.m_dwBytesPerSector = sector;
-  mft.m_dwSectorsPerCluster = boot_sector.m_dwSectorsPerCluster;
-  mft.m_uiMftSector = mft_sector;
-  mft.m_dwBytesPerFileRecord = boot_sector.m_dwBytesPerFileRecord;
+  koru::ExtentPlace place;
+  place.bytes_per_sector = sector, place.sectors_per_cluster = boot_sector.m_dwSectorsPerCluster;
+  place.bytes_per_record = boot_sector.m_dwBytesPerFileRecord;
+  koru::MFT mft = koru::MakeReader(place, L'C', mft_sector);
   HardLinkMap map;
   std::wostringstream progress;
   mft.GetHardLinkList(map, progress);

@@ -33,20 +33,15 @@ class ScanVolume {
       for (int i = 0; i < 3; ++i) list.push_back(static_cast<std::uint8_t>(delta >> (8 * i)));
       previous = first;
     }
-    RecordFixture zero;
-    zero.NonResident(layout::kData, list).End();
-    Header(zero, 0, layout::kRecFlagInUse, 1, 0, 1);
-    Place(mft_, zero.OnDisk());
+    Place(mft_, Header(RecordFixture().NonResident(layout::kData, list).End(), 0, layout::kRecFlagInUse, 1, 0, 1));
   }
 
   // File record `number` at the byte `offset` of the volume; its header says `number`
   // unless `stated` gives another.
   void Put(std::uint64_t offset, std::uint32_t number, std::uint16_t flags, std::uint16_t links,
            std::uint64_t base = 0, std::uint16_t sequence = 1, std::int64_t stated = -1) {
-    RecordFixture r;
-    r.End();
-    Header(r, stated < 0 ? number : static_cast<std::uint32_t>(stated), flags, links, base, sequence);
-    Place(offset, r.OnDisk());
+    Place(offset, Header(RecordFixture().End(), stated < 0 ? number : static_cast<std::uint32_t>(stated), flags, links,
+                         base, sequence));
   }
   // Record `number` of an MFT whose first run holds it.
   void PutRecord(std::uint32_t number, std::uint16_t flags, std::uint16_t links, std::uint64_t base = 0,
@@ -61,14 +56,16 @@ class ScanVolume {
   const std::vector<std::byte>& image() const { return image_; }
 
  private:
-  static void Header(RecordFixture& r, std::uint32_t number, std::uint16_t flags, std::uint16_t links,
-                     std::uint64_t base, std::uint16_t sequence) {
+  // The record's bytes as on disk, its header filled in.
+  static std::vector<std::byte> Header(RecordFixture& r, std::uint32_t number, std::uint16_t flags, std::uint16_t links,
+                                       std::uint64_t base, std::uint16_t sequence) {
     Put16(r.bytes(), layout::kRecUsaOffset, layout::kRecUpdateSequenceNumber);
     Put16(r.bytes(), layout::kRecSequence, sequence);
     Put16(r.bytes(), layout::kRecLinkCount, links);
     Put16(r.bytes(), layout::kRecFlags, flags);
     Put64(r.bytes(), layout::kRecBaseRecordLo, base);
     Put32(r.bytes(), layout::kRecNumber, number);
+    return r.OnDisk();
   }
   void Place(std::uint64_t offset, const std::vector<std::byte>& bytes) {
     std::copy(bytes.begin(), bytes.end(), image_.begin() + static_cast<std::ptrdiff_t>(offset));

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "hardlinks/dir_walk.h"
+#include "platform/device_io.h"
 #include "platform/windows_env.h"
 
 namespace koru {
@@ -43,11 +44,8 @@ class WineDriveH : public ::testing::Test {
     }
     ASSERT_FALSE(files_.empty()) << "files.txt lists no file";
     // The roots the walk reads from the environment; Wine's own give the Windows
-    // folder and the profiles (C:\windows, C:\users), walked on H: as well.
-    for (const wchar_t* name : {L"ProgramData", L"ProgramFiles", L"ProgramFiles(x86)"}) {
-      const wchar_t* old = _wgetenv(name);
-      saved_.emplace_back(name, old != nullptr ? old : L"");
-    }
+    // folder and the profiles (C:\windows, C:\users), walked on H: as well. Not put
+    // back: no other test here reads the real variables.
     _wputenv_s(L"ProgramData", L"H:\\ProgramData");
     _wputenv_s(L"ProgramFiles", L"H:\\Program Files");
     _wputenv_s(L"ProgramFiles(x86)", L"H:\\Program Files (x86)");
@@ -55,24 +53,9 @@ class WineDriveH : public ::testing::Test {
     GTEST_SKIP() << "drive H: holds the linked files only in the Wine run of a cross build";
 #endif
   }
-  void TearDown() override {
-    for (const auto& [name, value] : saved_) _wputenv_s(name.c_str(), value.c_str());
-  }
-
-  // What GetFileInformationByHandle says of H:<name>: links and file index.
-  bool Info(const std::wstring& name, platform::ByHandleFileInformation& info) {
-    const std::wstring path = L"H:" + name;
-    platform::HANDLE h = env_.CreateFileW(path.c_str(), platform::kGenericRead, platform::kFileShareRead,
-                                          platform::kOpenExisting, platform::kFileFlagBackupSemantics);
-    if (!platform::IsValid(h)) return false;
-    const bool ok = env_.GetFileInformationByHandle(h, &info);
-    env_.CloseHandle(h);
-    return ok;
-  }
 
   platform::WindowsEnv env_;
   std::vector<LinkedFile> files_;
-  std::vector<std::pair<std::wstring, std::wstring>> saved_;
 };
 
 TEST_F(WineDriveH, WalkFindsTheLinkedFilesUnderTheRootsByWinesFileIndex) {
@@ -82,8 +65,13 @@ TEST_F(WineDriveH, WalkFindsTheLinkedFilesUnderTheRootsByWinesFileIndex) {
   for (const auto& file : files_) {
     std::set<std::uint64_t> indexes;
     for (const auto& name : file.names) {
+      // Links and file index as GetFileInformationByHandle gives them.
+      platform::ScopedHandle h(env_, env_.CreateFileW((L"H:" + name).c_str(), platform::kGenericRead,
+                                                      platform::kFileShareRead, platform::kOpenExisting,
+                                                      platform::kFileFlagBackupSemantics));
       platform::ByHandleFileInformation info{};
-      ASSERT_TRUE(Info(name, info)) << "H:" << testing::PrintToString(name) << ": " << env_.GetLastError();
+      ASSERT_TRUE(h.valid() && env_.GetFileInformationByHandle(h.get(), &info))
+          << "H:" << testing::PrintToString(name) << ": " << env_.GetLastError();
       if (info.nNumberOfLinks != file.links)
         GTEST_SKIP() << "Wine " << platform::windows::WineVersion() << " counts " << info.nNumberOfLinks
                      << " link(s) of H:" << testing::PrintToString(name) << ", which has " << file.links;

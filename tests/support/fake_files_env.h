@@ -40,7 +40,6 @@ class FakeFilesEnv : public FaultEnv {
   std::set<std::wstring> encrypted;
   std::map<std::wstring, DWORD> fail_search, fail_open;  // by path: the error of FindFirstFileW, CreateFileW
   std::map<std::wstring, std::wstring> variables;  // a missing one: ERROR_ENVVAR_NOT_FOUND
-  std::wstring windows_directory = L"C:\\Windows";
   std::optional<std::wstring> common_documents = L"C:\\Users\\Public\\Documents";  // unset: the call fails
   // Names a file for an id the table lacks; unset: OpenFileById fails with ERROR_INVALID_PARAMETER.
   std::function<std::wstring(std::uint64_t id)> name_unknown_id;
@@ -70,22 +69,16 @@ class FakeFilesEnv : public FaultEnv {
       if (v >= 0x10000) units += static_cast<char16_t>(0xD800 + ((v - 0x10000) >> 10));
       units += static_cast<char16_t>(v >= 0x10000 ? 0xDC00 + ((v - 0x10000) & 0x3FF) : v);
     }
-    auto* bytes = static_cast<unsigned char*>(buffer);
+    // Little-endian hosts only, as the library's own targets are.
     const auto length = static_cast<std::uint32_t>(2 * units.size());
-    for (std::size_t i = 0; i < 4; ++i) bytes[i] = static_cast<unsigned char>(length >> (8 * i));
-    for (std::size_t i = 0; i < units.size() && 4 + 2 * i + 1 < size; ++i) {
-      bytes[4 + 2 * i] = static_cast<unsigned char>(units[i] & 0xFF);
-      bytes[5 + 2 * i] = static_cast<unsigned char>(units[i] >> 8);
-    }
+    std::memcpy(buffer, &length, 4);
+    std::memcpy(static_cast<char*>(buffer) + 4, units.data(), std::min<std::size_t>(length, (size - 4) & ~1u));
     return 4 + length <= size || Fail(platform::kErrorMoreData);
   }
   HANDLE FindFirstFileNameW(const wchar_t* path, DWORD, DWORD* length, wchar_t* buffer) override {
     const auto file = Lookup(path);
     if (!file) return FailHandle(platform::kErrorFileNotFound);
-    if (!CopyName(files[*file].names.at(0), length, buffer)) return platform::InvalidHandle();
-    const HANDLE h = Open(*file);
-    open_[Key(h)].next = 1;
-    return h;
+    return CopyName(files[*file].names.at(0), length, buffer) ? Open(*file, 1) : platform::InvalidHandle();
   }
   bool FindNextFileNameW(HANDLE h, DWORD* length, wchar_t* buffer) override {
     Handle* open = Find(h);
@@ -156,7 +149,7 @@ class FakeFilesEnv : public FaultEnv {
     return Copy(it->second, buffer, size);
   }
   platform::UINT GetWindowsDirectoryW(wchar_t* buffer, platform::UINT size) override {
-    return Copy(windows_directory, buffer, size);
+    return Copy(L"C:\\Windows", buffer, size);
   }
   platform::LONG SHGetFolderPathW(int, DWORD, wchar_t* path) override {
     if (!common_documents) return platform::kEFail;
@@ -164,7 +157,7 @@ class FakeFilesEnv : public FaultEnv {
     return platform::kSOk;
   }
   HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition, DWORD flags) override {
-    if (!OnVolume(path)) return FaultEnv::CreateFileW(path, access, share, disposition, flags);
+    if (!VolumePath(path)) return FaultEnv::CreateFileW(path, access, share, disposition, flags);
     if (auto f = fail_open.find(*VolumePath(path)); f != fail_open.end()) return FailHandle(f->second);
     const auto file = Lookup(path);
     return file ? Open(*file) : FailHandle(platform::kErrorFileNotFound);
@@ -177,7 +170,7 @@ class FakeFilesEnv : public FaultEnv {
   }
   bool CloseHandle(HANDLE h) override { return open_.erase(Key(h)) == 1 || FaultEnv::CloseHandle(h); }
   bool PathFileExistsW(const wchar_t* path) override {
-    if (!OnVolume(path)) return FaultEnv::PathFileExistsW(path);
+    if (!VolumePath(path)) return FaultEnv::PathFileExistsW(path);
     return Lookup(path) || IsFolder(*VolumePath(path)) || Fail(platform::kErrorFileNotFound);
   }
   DWORD GetNetworkParams(void* info, DWORD* size) override {
@@ -218,7 +211,6 @@ class FakeFilesEnv : public FaultEnv {
     if (path[0] == 0 || path[0] == L'Z' || path[1] != L':' || path[2] != L'\\') return std::nullopt;
     return std::wstring(path + 2);
   }
-  static bool OnVolume(const wchar_t* path) { return VolumePath(path).has_value(); }
   bool IsFolder(const std::wstring& path) const {
     const std::wstring prefix = Lower(path) + L"\\";
     for (const auto& folder : folders)
@@ -234,10 +226,10 @@ class FakeFilesEnv : public FaultEnv {
     return static_cast<DWORD>(text.size());
   }
   std::optional<std::size_t> Lookup(const wchar_t* path) const {
-    if (!OnVolume(path)) return std::nullopt;
-    for (std::size_t i = 0; i < files.size(); ++i)
+    const auto wanted = VolumePath(path);
+    for (std::size_t i = 0; wanted && i < files.size(); ++i)
       for (const auto& name : files[i].names)
-        if (Lower(name) == Lower(*VolumePath(path))) return i;
+        if (Lower(name) == Lower(*wanted)) return i;
     return std::nullopt;
   }
   // The name and its terminator, or ERROR_MORE_DATA with the length needed.
@@ -248,8 +240,8 @@ class FakeFilesEnv : public FaultEnv {
     *length = needed;
     return fits || Fail(platform::kErrorMoreData);
   }
-  HANDLE Open(std::size_t file) {
-    open_[next_handle_ += 4] = Handle{file};
+  HANDLE Open(std::size_t file, std::size_t next = 0) {
+    open_[next_handle_ += 4] = Handle{file, next};
     return reinterpret_cast<HANDLE>(next_handle_);
   }
   Handle* Find(HANDLE h) {
