@@ -1,11 +1,12 @@
 // PosixEnv's handles on attached disks: reads are positional per handle, short at the
-// end of the disk or volume, and never write.
+// end of the disk or volume, and never write. Also its Z:\ paths and module identity.
 #include "platform/posix_env.h"
 
 #include <gtest/gtest.h>
 
 #include <vector>
 
+#include "platform/posix_paths.h"
 #include "support/disk_image.h"
 
 namespace platform {
@@ -67,17 +68,8 @@ TEST_F(OpenedDisk, ReadsPastTheEndOfTheDiskOrVolumeAreShort) {
   EXPECT_EQ(env_.GetLastError(), kErrorAccessDenied);
 }
 
-TEST_F(OpenedDisk, EachHandleReadsAtItsOwnPosition) {
-  HANDLE a = Open(L"\\\\.\\PhysicalDrive0"), b = Open(L"\\\\.\\PhysicalDrive0");
-  EXPECT_EQ(Read(a, 16, 4096), Slice(4096, 16));
-  EXPECT_EQ(Read(b, 16, 8192), Slice(8192, 16));
-  EXPECT_EQ(Read(a, 16), Slice(4096 + 16, 16));  // b's seek and read left a where it was
-  env_.CloseHandle(a);
-  env_.CloseHandle(b);
-}
-
 // The one-step read gives what the seek and the read it stands for give, and leaves
-// the handle where they leave it.
+// the handle where they leave it. Two handles on one disk: each keeps its own position.
 TEST_F(OpenedDisk, ReadAtAnswersAsItsSeekAndReadWould) {
   HANDLE one = Open(L"\\\\.\\PhysicalDrive0"), two = Open(L"\\\\.\\PhysicalDrive0");
   ASSERT_TRUE(IsValid(one) && IsValid(two));
@@ -108,6 +100,31 @@ TEST_F(OpenedDisk, ReadAtAnswersAsItsSeekAndReadWould) {
   EXPECT_EQ(gone.step, ReadResult::kSeekFailed);
   EXPECT_EQ(gone.error, kErrorInvalidHandle);
   for (HANDLE h : {one, two, v1, v2}) env_.CloseHandle(h);
+}
+
+TEST(PosixPaths, ZColonIsTheRoot) {
+  const struct {
+    const wchar_t* windows;
+    const char* host;
+  } cases[] = {{L"Z:\\usr\\local\\bin\\vmft", "/usr/local/bin/vmft"}, {L"z:\\", "/"}, {L"z:", "/"},
+               {L"/usr/bin", "/usr/bin"}, {L"C:\\Windows", ""}, {L".\\Logfiles", "./Logfiles"},
+               {L"Z:\\caf\u00e9", "/caf\xC3\xA9"}};
+  for (const auto& c : cases) EXPECT_EQ(HostPath(c.windows), c.host) << c.host;
+  EXPECT_EQ(WindowsPath("/usr/local/bin/vmft"), L"Z:\\usr\\local\\bin\\vmft");
+}
+
+// The library, linked in statically here, is not KORU_MFT.DLL. That the program
+// answers with its Z:\ path, foundation_test.sh sees from the trace log beside a copy of vmft.
+TEST(PosixModule, AShortBufferIsReportedAndTheLibraryIsUnknown) {
+  PosixEnv env;
+  // Too small: cut, terminated, the full size and ERROR_INSUFFICIENT_BUFFER.
+  env.SetLastError(0);
+  wchar_t small[5];
+  EXPECT_EQ(env.GetModuleFileNameW(nullptr, small, 5), 5u);
+  EXPECT_EQ(env.GetLastError(), kErrorInsufficientBuffer);
+  EXPECT_EQ(std::wstring(small).substr(0, 3) + L"|" + std::to_wstring(std::wcslen(small)), L"Z:\\|4");
+  EXPECT_EQ(env.GetModuleHandleW(L"KORU_MFT.DLL"), nullptr);
+  EXPECT_NE(env.GetModuleHandleW(nullptr), nullptr);
 }
 
 }  // namespace
