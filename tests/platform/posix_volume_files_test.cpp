@@ -248,7 +248,6 @@ TEST_F(VolumeFiles, ClustersTheSleuthKitRefusesGiveAReason) {
   if (IsSkipped()) return;
   EXPECT_FALSE(env_.PathFileExistsW(L"\\\\?\\C:\\"));
   EXPECT_EQ(env_.GetLastError(), posix::kErrorUnrecognizedVolume);
-  EXPECT_EQ(koru::tool::FileLevelProblem(L'D'), "there is no volume D:");
   const std::string reason = koru::tool::FileLevelProblem(L'C');
   EXPECT_NE(reason.find("clusters above 64 KiB, and this volume's clusters are 2048 KiB"), std::string::npos) << reason;
 }
