@@ -109,6 +109,8 @@ TEST(DiskMap, BrokenTablesEndTheScanWithWhatWasFound) {
   }
 }
 
+// The core opens \\.\PhysicalDriveN and the \\?\Volume{...} names it is given on every
+// run of the integration tests; what is left is other spellings and refusals.
 TEST(DiskMap, DevicePathsNameDisksAndVolumes) {
   const ThreeDisks disks;
   const DiskMap map = disks.Map();
@@ -117,13 +119,11 @@ TEST(DiskMap, DevicePathsNameDisksAndVolumes) {
     std::wstring path;
     int disk, volume;  // -1, -1: not found
     std::int64_t base, length;
-  } cases[] = {{L"\\\\.\\PhysicalDrive1", 1, -1, 0, 16384 * 512},
-               {L"\\\\.\\physicaldrive2", 2, -1, 0, 4096},
+  } cases[] = {{L"\\\\.\\physicaldrive2", 2, -1, 0, 4096},
                {L"\\\\.\\PhysicalDrive3", -1, -1, 0, 0},
                {L"\\\\.\\PhysicalDrive0x", -1, -1, 0, 0},
                {L"\\\\.\\e:", 0, 2, (20480 + 40960 + 2048) * 512, 4096 * 512},
                {L"\\\\.\\H:", -1, -1, 0, 0},
-               {L"\\\\?\\Volume" + g, 1, 3, 34 * 512, 2048 * 512},
                {L"\\\\.\\volume{13121110-1514-1716-1819-1a1b1c1d1e1f}\\", 1, 3, 34 * 512, 2048 * 512},
                {L"Volume" + g, -1, -1, 0, 0},
                {L"\\\\?\\Volume{00000000-0000-0000-0000-000000000000}", -1, -1, 0, 0}};
@@ -141,8 +141,6 @@ TEST(DiskMap, DevicePathsNameDisksAndVolumes) {
   }
   std::wstring name;
   DWORD error = 0;
-  ASSERT_TRUE(map.VolumeNameForMountPoint(L"f:\\", &name, &error));
-  EXPECT_EQ(name, L"\\\\?\\Volume" + g + L"\\");
   EXPECT_FALSE(map.VolumeNameForMountPoint(L"H:\\", &name, &error));
   EXPECT_EQ(error, kErrorFileNotFound);
   EXPECT_FALSE(map.VolumeNameForMountPoint(L"F:", &name, &error));
