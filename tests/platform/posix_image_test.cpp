@@ -44,10 +44,8 @@ TEST(PosixImage, ContainersAreKnownByTheirSignaturesInPlaceAndWholeAndAnythingEl
 
 // An EWF segment file: its header with `number`, and its last section `ending`.
 std::string Segment(unsigned number, const char* ending = "done") {
-  std::string out(koru::image::kEwfSignature, 8);
-  out += '\x01';
-  out += static_cast<char>(number & 0xFF);
-  out += static_cast<char>(number >> 8);
+  std::string out = std::string(koru::image::kEwfSignature, 8) + '\x01' + static_cast<char>(number & 0xFF) +
+                    static_cast<char>(number >> 8);
   out.resize(300, '\0');
   const std::uint64_t at = out.size();
   std::string section(koru::image::kEwfSectionSize, '\0');
