@@ -53,6 +53,7 @@ class VolumeFiles : public ::testing::Test {
   }
   void TearDown() override { posix::ResetDisks(); }
 
+  DWORD ErrorOf(bool ok) { return ok ? 0 : env_.GetLastError(); }  // 0, or the error the call left
   HANDLE Open(const std::wstring& path, DWORD access = kFileReadAttributes, DWORD flags = kFileFlagBackupSemantics) {
     return env_.CreateFileW((L"\\\\?\\C:" + path).c_str(), access, kFileShareRead, kOpenExisting, flags);
   }
@@ -80,7 +81,7 @@ class VolumeFiles : public ::testing::Test {
     const HANDLE h = OpenById(reference);
     if (!IsValid(h)) return env_.GetLastError();
     std::vector<unsigned char> buffer(size);
-    const DWORD error = env_.GetFileInformationByHandleEx(h, kFileNameInfo, buffer.data(), size) ? 0 : env_.GetLastError();
+    const DWORD error = ErrorOf(env_.GetFileInformationByHandleEx(h, kFileNameInfo, buffer.data(), size));
     env_.CloseHandle(h);
     std::uint32_t bytes = 0;
     std::memcpy(&bytes, buffer.data(), sizeof bytes);
@@ -151,12 +152,9 @@ TEST_F(VolumeFiles, AnswersAsWindowsDoes) {
       {L"\\Windows\\sample.dll", kGenericWrite, 0, 19},       // ERROR_WRITE_PROTECT
       {L"\\Users\\alice\\AppData\\Local\\secret.txt", kGenericRead, kFileFlagBackupSemantics, kErrorAccessDenied},
   };
-  for (const auto& [path, access, flags, error] : refused) {
-    EXPECT_FALSE(IsValid(Open(path, access, flags))) << koru::Utf8FromWide(path);
-    EXPECT_EQ(env_.GetLastError(), error) << koru::Utf8FromWide(path);
-  }
-  EXPECT_FALSE(env_.PathFileExistsW(L"\\\\?\\Y:\\Windows"));
-  EXPECT_EQ(env_.GetLastError(), kErrorPathNotFound);
+  for (const auto& [path, access, flags, error] : refused)
+    EXPECT_EQ(ErrorOf(IsValid(Open(path, access, flags))), error) << koru::Utf8FromWide(path);
+  EXPECT_EQ(ErrorOf(env_.PathFileExistsW(L"\\\\?\\Y:\\Windows")), kErrorPathNotFound);
 
   const HANDLE file = Open(L"\\WINDOWS\\SAMPLE.DLL", kGenericRead, kFileAttributeNormal);
   EXPECT_FALSE(env_.FindClose(file));  // each kind of handle closes its own way
@@ -168,10 +166,8 @@ TEST_F(VolumeFiles, AnswersAsWindowsDoes) {
   EXPECT_FALSE(env_.CloseHandle(find));
   EXPECT_TRUE(env_.FindClose(find));
   for (const auto& [pattern, error] : {std::tuple(L"C:\\Absent\\*", kErrorPathNotFound),
-                                       std::tuple(L"C:\\Windows\\*.none", kErrorFileNotFound)}) {
-    EXPECT_FALSE(IsValid(env_.FindFirstFileW(pattern, &data)));
-    EXPECT_EQ(env_.GetLastError(), error) << koru::Utf8FromWide(pattern);
-  }
+                                       std::tuple(L"C:\\Windows\\*.none", kErrorFileNotFound)})
+    EXPECT_EQ(ErrorOf(IsValid(env_.FindFirstFileW(pattern, &data))), error) << koru::Utf8FromWide(pattern);
 }
 
 TEST_F(VolumeFiles, OpenByIdRefusesWhatIsNotAFileAndShortBuffersSayHowLong) {
@@ -183,12 +179,9 @@ TEST_F(VolumeFiles, OpenByIdRefusesWhatIsNotAFileAndShortBuffersSayHowLong) {
   const std::size_t at = RecordWhere(image, 0x20, ~0ull >> 16, reference & ~seq);
   ASSERT_LT(at, image.size());
   const std::uint64_t extension = koru::le32Or0(image, at + 0x2C);
-  for (const std::uint64_t refused : std::vector<std::uint64_t>{reference + (1ull << 48), extension | seq, 30, 1ull << 40}) {
-    EXPECT_FALSE(IsValid(OpenById(refused))) << std::hex << refused;
-    EXPECT_EQ(env_.GetLastError(), kErrorInvalidParameter) << std::hex << refused;
-  }
-  EXPECT_FALSE(IsValid(OpenById(reference, L"\\\\.\\PhysicalDrive0")));
-  EXPECT_EQ(env_.GetLastError(), kErrorInvalidParameter);
+  for (const std::uint64_t refused : std::vector<std::uint64_t>{reference + (1ull << 48), extension | seq, 30, 1ull << 40})
+    EXPECT_EQ(ErrorOf(IsValid(OpenById(refused))), kErrorInvalidParameter) << std::hex << refused;
+  EXPECT_EQ(ErrorOf(IsValid(OpenById(reference, L"\\\\.\\PhysicalDrive0"))), kErrorInvalidParameter);
   std::wstring name;
   EXPECT_EQ(NameById(0x0005000000000005ull, &name), 0u);
   EXPECT_EQ(name, L"\\");
@@ -197,13 +190,11 @@ TEST_F(VolumeFiles, OpenByIdRefusesWhatIsNotAFileAndShortBuffersSayHowLong) {
 
   wchar_t buffer[64];
   DWORD length = 5;
-  EXPECT_FALSE(IsValid(env_.FindFirstFileNameW(L"\\\\?\\C:\\Windows\\many.dat", 0, &length, buffer)));
-  EXPECT_EQ(env_.GetLastError(), kErrorMoreData);
+  EXPECT_EQ(ErrorOf(IsValid(env_.FindFirstFileNameW(L"\\\\?\\C:\\Windows\\many.dat", 0, &length, buffer))), kErrorMoreData);
   EXPECT_EQ(length, std::wcslen(L"\\Windows\\many.dat") + 1);
   const HANDLE find = env_.FindFirstFileNameW(L"\\\\?\\C:\\Windows\\many.dat", 0, &length, buffer);
   length = 5;
-  EXPECT_FALSE(env_.FindNextFileNameW(find, &length, buffer));
-  EXPECT_EQ(env_.GetLastError(), kErrorMoreData);
+  EXPECT_EQ(ErrorOf(env_.FindNextFileNameW(find, &length, buffer)), kErrorMoreData);
   length = 64;  // the same name again, now that it fits
   EXPECT_TRUE(env_.FindNextFileNameW(find, &length, buffer));
   EXPECT_TRUE(env_.FindClose(find));
@@ -246,8 +237,7 @@ TEST_F(VolumeFiles, BrokenVolumesEndWithErrors) {
 TEST_F(VolumeFiles, ClustersTheSleuthKitRefusesGiveAReason) {
   Attach("ntfs-2m.img");
   if (IsSkipped()) return;
-  EXPECT_FALSE(env_.PathFileExistsW(L"\\\\?\\C:\\"));
-  EXPECT_EQ(env_.GetLastError(), posix::kErrorUnrecognizedVolume);
+  EXPECT_EQ(ErrorOf(env_.PathFileExistsW(L"\\\\?\\C:\\")), posix::kErrorUnrecognizedVolume);
   const std::string reason = koru::tool::FileLevelProblem(L'C');
   EXPECT_NE(reason.find("clusters above 64 KiB, and this volume's clusters are 2048 KiB"), std::string::npos) << reason;
 }
