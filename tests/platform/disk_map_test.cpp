@@ -54,8 +54,9 @@ TEST(DiskMap, SectorSizeIsGivenElseFoundOnTheDisk) {
 // Disk 0: MBR with NTFS, FAT, and an extended partition holding NTFS and BitLocker
 // logicals; disk 1: GPT with two NTFS partitions; disk 2: nothing.
 struct ThreeDisks {
-  Image mbr = DiskImage(64 * kMiB / 512).Signature(0x12345678).Entry(0, 0, 0x07, 2048, 8192).Boot(2048)
-                  .Entry(0, 1, 0x0C, 10240, 2048).Boot(10240, "MSDOS5.0").Entry(0, 2, 0x0F, 20480, 100000)
+  Image mbr = DiskImage(64 * kMiB / 512).Put(koru::partition::kMbrDiskSignature, 0x12345678, 4)
+                  .Entry(0, 0, 0x07, 2048, 8192).Boot(2048).Entry(0, 1, 0x0C, 10240, 2048).Boot(10240, "MSDOS5.0")
+                  .Entry(0, 2, 0x0F, 20480, 100000)
                   // EBR: logical at +2048, next EBR at +40960
                   .Entry(20480, 0, 0x07, 2048, 4096).Entry(20480, 1, 0x05, 40960, 8192).Boot(20480 + 2048)
                   .Entry(20480 + 40960, 0, 0x07, 2048, 4096).Boot(20480 + 40960 + 2048, kBitLocker);

@@ -66,8 +66,7 @@ TEST(WindowsEnv, DllVersionResourceHasTranslationAndFileVersion) {
   platform::UINT length = 0;
   ASSERT_TRUE(env.VerQueryValueW(block.data(), L"\\VarFileInfo\\Translation", &value, &length));
   ASSERT_GE(length, 4u);
-  std::uint16_t translation[2];
-  std::memcpy(translation, value, sizeof translation);
+  const auto* translation = static_cast<const std::uint16_t*>(value);
   EXPECT_EQ(translation[0] << 16 | translation[1], 0x040904B0);  // English (US), Unicode: the key below
   ASSERT_TRUE(env.VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\FileVersion", &value, &length));
   EXPECT_EQ(std::wstring(static_cast<const wchar_t*>(value)), Wide(KORU_VERSION_STRING));
