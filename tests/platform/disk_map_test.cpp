@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <tuple>
 
 #include "support/disk_image.h"
@@ -55,8 +54,9 @@ TEST(DiskMap, SectorSizeIsGivenElseFoundOnTheDisk) {
 // Disk 0: MBR with NTFS, FAT, and an extended partition holding NTFS and BitLocker
 // logicals; disk 1: GPT with two NTFS partitions; disk 2: nothing.
 struct ThreeDisks {
-  Image mbr = DiskImage(64 * kMiB / 512).Signature(0x12345678).Entry(0, 0, 0x07, 2048, 8192).Boot(2048)
-                  .Entry(0, 1, 0x0C, 10240, 2048).Boot(10240, "MSDOS5.0").Entry(0, 2, 0x0F, 20480, 100000)
+  Image mbr = DiskImage(64 * kMiB / 512).Put(koru::partition::kMbrDiskSignature, 0x12345678, 4)
+                  .Entry(0, 0, 0x07, 2048, 8192).Boot(2048).Entry(0, 1, 0x0C, 10240, 2048).Boot(10240, "MSDOS5.0")
+                  .Entry(0, 2, 0x0F, 20480, 100000)
                   // EBR: logical at +2048, next EBR at +40960
                   .Entry(20480, 0, 0x07, 2048, 4096).Entry(20480, 1, 0x05, 40960, 8192).Boot(20480 + 2048)
                   .Entry(20480 + 40960, 0, 0x07, 2048, 4096).Boot(20480 + 40960 + 2048, kBitLocker);
@@ -110,6 +110,8 @@ TEST(DiskMap, BrokenTablesEndTheScanWithWhatWasFound) {
   }
 }
 
+// The core opens \\.\PhysicalDriveN and the \\?\Volume{...} names it is given on every
+// run of the integration tests; what is left is other spellings and refusals.
 TEST(DiskMap, DevicePathsNameDisksAndVolumes) {
   const ThreeDisks disks;
   const DiskMap map = disks.Map();
@@ -118,13 +120,11 @@ TEST(DiskMap, DevicePathsNameDisksAndVolumes) {
     std::wstring path;
     int disk, volume;  // -1, -1: not found
     std::int64_t base, length;
-  } cases[] = {{L"\\\\.\\PhysicalDrive1", 1, -1, 0, 16384 * 512},
-               {L"\\\\.\\physicaldrive2", 2, -1, 0, 4096},
+  } cases[] = {{L"\\\\.\\physicaldrive2", 2, -1, 0, 4096},
                {L"\\\\.\\PhysicalDrive3", -1, -1, 0, 0},
                {L"\\\\.\\PhysicalDrive0x", -1, -1, 0, 0},
                {L"\\\\.\\e:", 0, 2, (20480 + 40960 + 2048) * 512, 4096 * 512},
                {L"\\\\.\\H:", -1, -1, 0, 0},
-               {L"\\\\?\\Volume" + g, 1, 3, 34 * 512, 2048 * 512},
                {L"\\\\.\\volume{13121110-1514-1716-1819-1a1b1c1d1e1f}\\", 1, 3, 34 * 512, 2048 * 512},
                {L"Volume" + g, -1, -1, 0, 0},
                {L"\\\\?\\Volume{00000000-0000-0000-0000-000000000000}", -1, -1, 0, 0}};
@@ -142,15 +142,15 @@ TEST(DiskMap, DevicePathsNameDisksAndVolumes) {
   }
   std::wstring name;
   DWORD error = 0;
-  ASSERT_TRUE(map.VolumeNameForMountPoint(L"f:\\", &name, &error));
-  EXPECT_EQ(name, L"\\\\?\\Volume" + g + L"\\");
   EXPECT_FALSE(map.VolumeNameForMountPoint(L"H:\\", &name, &error));
   EXPECT_EQ(error, kErrorFileNotFound);
   EXPECT_FALSE(map.VolumeNameForMountPoint(L"F:", &name, &error));
   EXPECT_EQ(error, kErrorInvalidName);
 }
 
-TEST(DiskMap, DevicesAnswerTheCoresIoctls) {
+// What the answers hold, ranges_mkntfs/4k/hostile_test.sh read through them (volume
+// offsets, sector sizes, disk ends); what is left is the refusals.
+TEST(DiskMap, DevicesRefuseIoctlsTheyCannotAnswer) {
   const ThreeDisks disks;
   const DiskMap map = disks.Map();
   DeviceWindow volume, disk;
@@ -158,15 +158,6 @@ TEST(DiskMap, DevicesAnswerTheCoresIoctls) {
   ASSERT_TRUE(map.Resolve(L"\\\\.\\D:", &volume, &error));
   ASSERT_TRUE(map.Resolve(L"\\\\.\\PhysicalDrive0", &disk, &error));
   unsigned char out[64] = {};
-  ASSERT_TRUE(map.DeviceIoControl(volume, kIoctlVolumeGetVolumeDiskExtents, out, 64, &returned, &error));
-  DISK_EXTENT extent{};
-  std::memcpy(&extent, out + kVolumeDiskExtentsHeader, sizeof extent);
-  EXPECT_EQ(std::make_tuple(returned, extent.DiskNumber, extent.StartingOffset, extent.ExtentLength),
-            std::make_tuple(32u, 0u, std::int64_t{(20480 + 2048) * 512}, std::int64_t{4096 * 512}));
-  DISK_GEOMETRY_EX geometry{};
-  ASSERT_TRUE(map.DeviceIoControl(volume, kIoctlDiskGetDriveGeometryEx, &geometry, sizeof geometry, &returned, &error));
-  EXPECT_EQ(std::make_tuple(geometry.Geometry.BytesPerSector, geometry.DiskSize, returned),
-            std::make_tuple(512u, std::int64_t{64 * kMiB}, 40u));
   const struct {
     DeviceWindow device;
     DWORD code, size, error;

@@ -23,19 +23,15 @@ class Disks : public koru::test::TempDir {
  public:
   Disks() { posix::ResetDisks(); }
   ~Disks() { posix::ResetDisks(); }
-  std::string Write(const Image& bytes) {
-    const std::string name = "disk" + std::to_string(count_++);
+  std::string Write(const std::string& name, const Image& bytes) {
     TempDir::Write(name, std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
     return (*this / name).string();
   }
-
- private:
-  int count_ = 0;
 };
 
 TEST(PosixDisks, RefusedArgumentsSayWhyWithoutRepeatingThemselves) {
   Disks disks;
-  const std::string image = disks.Write(Image(512));
+  const std::string image = disks.Write("disk", Image(512));
   const std::string kSize = "sector size must be a power of two from 512 to 65536";
   const struct {
     std::string disk, reason;
@@ -72,7 +68,7 @@ TEST(PosixDisks, RefusedArgumentsSayWhyWithoutRepeatingThemselves) {
 TEST(PosixDisks, EnvironmentAttachesDisksAndPinsLetters) {
   Disks disks;
   const Image bare = DiskImage(64).Boot(0);
-  const std::string a = disks.Write(bare), b = disks.Write(bare);
+  const std::string a = disks.Write("a", bare), b = disks.Write("b", bare);
   ::setenv("KORU_MFT_DISKS", (a + ",," + b + ":4096,/no/such/disk").c_str(), 1);
   ::setenv("KORU_MFT_VOLUMES", "K=0:1,bad", 1);
   posix::ResetDisks();

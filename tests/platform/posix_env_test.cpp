@@ -1,12 +1,17 @@
 // PosixEnv's handles on attached disks: reads are positional per handle, short at the
-// end of the disk or volume, and never write.
+// end of the disk or volume, and never write. Also its Z:\ paths, module identity and
+// INI files.
 #include "platform/posix_env.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <tuple>
 #include <vector>
 
+#include "platform/posix_paths.h"
 #include "support/disk_image.h"
+#include "support/temp_dir.h"
 
 namespace platform {
 namespace {
@@ -67,17 +72,8 @@ TEST_F(OpenedDisk, ReadsPastTheEndOfTheDiskOrVolumeAreShort) {
   EXPECT_EQ(env_.GetLastError(), kErrorAccessDenied);
 }
 
-TEST_F(OpenedDisk, EachHandleReadsAtItsOwnPosition) {
-  HANDLE a = Open(L"\\\\.\\PhysicalDrive0"), b = Open(L"\\\\.\\PhysicalDrive0");
-  EXPECT_EQ(Read(a, 16, 4096), Slice(4096, 16));
-  EXPECT_EQ(Read(b, 16, 8192), Slice(8192, 16));
-  EXPECT_EQ(Read(a, 16), Slice(4096 + 16, 16));  // b's seek and read left a where it was
-  env_.CloseHandle(a);
-  env_.CloseHandle(b);
-}
-
 // The one-step read gives what the seek and the read it stands for give, and leaves
-// the handle where they leave it.
+// the handle where they leave it. Two handles on one disk: each keeps its own position.
 TEST_F(OpenedDisk, ReadAtAnswersAsItsSeekAndReadWould) {
   HANDLE one = Open(L"\\\\.\\PhysicalDrive0"), two = Open(L"\\\\.\\PhysicalDrive0");
   ASSERT_TRUE(IsValid(one) && IsValid(two));
@@ -108,6 +104,90 @@ TEST_F(OpenedDisk, ReadAtAnswersAsItsSeekAndReadWould) {
   EXPECT_EQ(gone.step, ReadResult::kSeekFailed);
   EXPECT_EQ(gone.error, kErrorInvalidHandle);
   for (HANDLE h : {one, two, v1, v2}) env_.CloseHandle(h);
+}
+
+TEST(PosixPaths, ZColonIsTheRoot) {
+  const struct {
+    const wchar_t* windows;
+    const char* host;
+  } cases[] = {{L"Z:\\usr\\local\\bin\\vmft", "/usr/local/bin/vmft"}, {L"z:\\", "/"}, {L"z:", "/"},
+               {L"/usr/bin", "/usr/bin"}, {L"C:\\Windows", ""}, {L".\\Logfiles", "./Logfiles"},
+               {L"Z:\\caf\u00e9", "/caf\xC3\xA9"}};
+  for (const auto& c : cases) EXPECT_EQ(HostPath(c.windows), c.host) << c.host;
+  EXPECT_EQ(WindowsPath("/usr/local/bin/vmft"), L"Z:\\usr\\local\\bin\\vmft");
+}
+
+// The library, linked in statically here, is not KORU_MFT.DLL. That the program
+// answers with its Z:\ path, foundation_test.sh sees from the trace log beside a copy of vmft.
+TEST(PosixModule, AShortBufferIsReportedAndTheLibraryIsUnknown) {
+  PosixEnv env;
+  // Too small: cut, terminated, the full size and ERROR_INSUFFICIENT_BUFFER.
+  env.SetLastError(0);
+  wchar_t small[5];
+  EXPECT_EQ(env.GetModuleFileNameW(nullptr, small, 5), 5u);
+  EXPECT_EQ(env.GetLastError(), kErrorInsufficientBuffer);
+  EXPECT_EQ(std::wstring(small).substr(0, 3) + L"|" + std::to_wstring(std::wcslen(small)), L"Z:\\|4");
+  EXPECT_EQ(env.GetModuleHandleW(L"KORU_MFT.DLL"), nullptr);
+  EXPECT_NE(env.GetModuleHandleW(nullptr), nullptr);
+}
+
+// The private-profile calls on INI files, as the core makes them: names in any case,
+// the first match, values trimmed and cut to the caller's buffer.
+class PosixIni : public ::testing::Test {
+ protected:
+  std::wstring Get(const wchar_t* section, const wchar_t* key, const wchar_t* fallback, const std::wstring& file,
+                   DWORD size = 64) {
+    std::vector<wchar_t> buffer(size + 1, L'#');
+    const DWORD n = env_.GetPrivateProfileStringW(section, key, fallback, buffer.data(), size, file.c_str());
+    EXPECT_EQ(n, std::wcslen(buffer.data()));
+    return buffer.data();
+  }
+
+  koru::test::TempDir dir_;
+  PosixEnv env_;
+};
+
+TEST_F(PosixIni, ReadingStringsAndIntegers) {
+  dir_.Write("test.ini",
+             "[File Locations]\r\nLogfiles = Z:\\logs\\here \r\n"
+             "[Main]\nLevel=1\nlevel=2\n[Other]\nLevel=9\n[MAIN]\nLevel=3\nOnlyLater=4\n"
+             "[S]\nlong=0123456789\nquoted=\"a b\"\nempty=\na=42\nb=7 levels\nc=none\nd=-1\n");
+  const std::wstring file = dir_.win("test.ini"), absent = dir_.win("absent.ini");
+  const std::wstring host = std::filesystem::path(dir_ / "test.ini").wstring();
+  const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*, const std::wstring&, DWORD, const wchar_t*>
+      texts[] = {
+      {L"file locations", L"LOGFILES", L"d", file, 64, L"Z:\\logs\\here"},  // no case, trimmed
+      {L"Main", L"Level", L"d", file, 64, L"1"},                             // the first match wins
+      {L"Main", L"OnlyLater", L"d", file, 64, L"d"},                         // only the first [Main] counts
+      {L"Main", L"Missing", L".\\Logfiles", file, 64, L".\\Logfiles"},
+      {L"Main", L"Level", L"d", absent, 64, L"d"},
+      {L"S", L"long", L"", file, 5, L"0123"},                                // cut to the buffer
+      {L"S", L"quoted", L"d", file, 64, L"a b"},
+      {L"S", L"empty", L"d", file, 64, L""},
+      {L"S", L"a", L"", host, 64, L"42"},                                    // a host path works too
+  };
+  for (const auto& [section, key, fallback, in, size, expected] : texts)
+    EXPECT_EQ(Get(section, key, fallback, in, size), expected) << section << "/" << key;
+
+  const std::tuple<const wchar_t*, const wchar_t*, const std::wstring&, UINT> ints[] = {
+      {L"Main", L"Missing", file, 5u}, {L"S", L"a", file, 42u}, {L"S", L"b", file, 7u},
+      {L"S", L"c", file, 0u},          {L"S", L"d", file, 0xFFFFFFFFu},
+  };
+  for (const auto& [section, key, in, expected] : ints)
+    EXPECT_EQ(env_.GetPrivateProfileIntW(section, key, 5, in.c_str()), expected) << section << "/" << key;
+}
+
+TEST_F(PosixIni, WritingReplacesOrAddsTheKeyKeepsTheRestAndMakesNoDirectory) {
+  dir_.Write("keep.ini", "; comment\r\n[A]\r\nx=1\r\nVERSION=old\r\ny=2\r\n\r\n[B]\r\nz=3\r\n");
+  const std::wstring file = dir_.win("keep.ini"), created = dir_.win("new.ini");
+  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"a", L"Version", L"new", file.c_str()));
+  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"A", L"added", L"4", file.c_str()));
+  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"C", L"k", L"v", file.c_str()));
+  EXPECT_EQ(dir_.Read("keep.ini"),
+            "; comment\r\n[A]\r\nx=1\r\nVersion=new\r\ny=2\r\nadded=4\r\n\r\n[B]\r\nz=3\r\n[C]\r\nk=v\r\n");
+  ASSERT_TRUE(env_.WritePrivateProfileStringW(L"KORU_MFT.DLL", L"Version", L"1.0.0.0", created.c_str()));
+  EXPECT_EQ(dir_.Read("new.ini"), "[KORU_MFT.DLL]\r\nVersion=1.0.0.0\r\n");
+  EXPECT_FALSE(env_.WritePrivateProfileStringW(L"A", L"k", L"v", dir_.win("no/such/dir.ini").c_str()));
 }
 
 }  // namespace

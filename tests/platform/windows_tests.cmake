@@ -9,8 +9,8 @@ if(CMAKE_OBJDUMP AND NOT MSVC)
 endif()
 
 # Under Wine, drive D: is an mkntfs image made here at test time; the raw-read
-# tests compare what \\.\D: gives with the image file and with the ranges the
-# Linux vmft reports for it (KORU_LINUX_VMFT, when given).
+# test compares the MFT ranges read through \\.\D: with those the Linux vmft
+# reports for the image (KORU_LINUX_VMFT, when given).
 if(CMAKE_CROSSCOMPILING AND CMAKE_HOST_UNIX AND TARGET platform_tests)
   set(KORU_LINUX_VMFT "" CACHE FILEPATH "The Linux build's vmft, to cross-check the Windows answers")
   set(wine_drive_dir ${CMAKE_BINARY_DIR}/wine-drive)

@@ -44,10 +44,6 @@ class DiskImage {
     Put16(bytes_, table + partition::kMbrBootSignature, partition::kBootSignature);
     return *this;
   }
-  DiskImage& Signature(std::uint32_t disk_signature) {
-    Put32(bytes_, partition::kMbrDiskSignature, disk_signature);
-    return *this;
-  }
   // A protective MBR and a GPT header listing `count` entries of `entry_size` bytes
   // from `entries_lba`. Checksums stay zero: nothing here reads them.
   DiskImage& Gpt(std::uint32_t count = 128, std::uint32_t entry_size = 128, std::uint64_t entries_lba = 2) {

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 namespace koru::test {
@@ -39,14 +39,11 @@ class TempDir {
 
   // The directory (or a name in it) as the core spells paths.
   std::wstring win(const std::string& name = "") const {
-    const std::filesystem::path p = name.empty() ? path_ : path_ / name;
-#ifdef _WIN32
-    std::wstring text = p.wstring();
+    std::wstring text = (name.empty() ? path_ : path_ / name).wstring();
     std::replace(text.begin(), text.end(), L'/', L'\\');
+#ifdef _WIN32
     return text;
 #else
-    std::wstring text;
-    for (char c : p.string()) text += c == '/' ? L'\\' : static_cast<wchar_t>(static_cast<unsigned char>(c));
     return L"Z:" + text;
 #endif
   }
@@ -57,9 +54,7 @@ class TempDir {
   }
   std::string Read(const std::string& name) const {
     std::ifstream in(path_ / name, std::ios::binary);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
+    return {std::istreambuf_iterator<char>(in), {}};
   }
   bool Exists(const std::string& name) const { return std::filesystem::exists(path_ / name); }
 

@@ -20,14 +20,14 @@ struct TempDisk::Served {
 
 TempDisk::TempDisk(const std::vector<std::byte>& bytes, std::uint32_t sector_size) {
   dir_.Write("disk.img", std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-  path_ = (dir_ / "disk.img").string();
 #if defined(_WIN32)
   served_ = std::make_unique<Served>(bytes, sector_size);
 #else
   platform::posix::ResetDisks();
   std::string error;
-  const std::string arg = sector_size ? path_ + ":" + std::to_string(sector_size) : path_;
-  if (!koru::tool::AttachDisk(arg, &error)) throw std::runtime_error(error);
+  const std::string path = (dir_ / "disk.img").string();
+  if (!koru::tool::AttachDisk(sector_size ? path + ":" + std::to_string(sector_size) : path, &error))
+    throw std::runtime_error(error);
 #endif
 }
 

@@ -21,12 +21,10 @@ class TempDisk {
   ~TempDisk();
   TempDisk(const TempDisk&) = delete;
   TempDisk& operator=(const TempDisk&) = delete;
-  const std::string& path() const { return path_; }
 
  private:
   struct Served;  // Windows: the ImageEnv and its scope
   TempDir dir_;
-  std::string path_;
   std::unique_ptr<Served> served_;
 };
 
