@@ -16,12 +16,11 @@ using test::Call;
 class DirWalk : public ::testing::Test {
  public:
   DirWalk() : faults_(static_cast<platform::Env&>(files_)), scope_(faults_) { Fill(); }
+  // The volume below, no faults, nothing printed or traced yet.
   void Fill() {
     files_.variables = {{L"ProgramData", L"C:\\ProgramData"},
                         {L"ProgramFiles", L"C:\\Program Files"},
                         {L"ProgramFiles(x86)", L"C:\\Program Files (x86)"}};
-    // Junctions, skipped folders, profiles and links outside the roots are checked
-    // against fls and istat on a real volume by hlinfo_bitlocker_test.sh.
     files_.files = {
         {2ull << 48 | 40, {L"\\ProgramData\\p.dat", L"\\ProgramData\\q.dat"}, 1},
         {1ull << 48 | 41, {L"\\Program Files (x86)\\x.exe", L"\\Windows\\x.exe"}, 1},
@@ -32,6 +31,10 @@ class DirWalk : public ::testing::Test {
     };
     files_.fail_search.clear();
     files_.fail_open.clear();
+    faults_.Clear();
+    faults_.captured_stdout().str(L"");
+    faults_.captured_stderr().str(L"");
+    trace_.Reset();
   }
   ~DirWalk() override { EXPECT_EQ(files_.open_handles(), leaked_); }
 
@@ -44,27 +47,20 @@ class DirWalk : public ::testing::Test {
   std::size_t leaked_ = 0;  // searches whose FindClose was made to fail
 };
 
-TEST_F(DirWalk, RecordsFilesWithSeveralLinksUnderTheRootsOnly) {
+// The roots, the keys with their sequence number, links outside the roots and files of
+// one link are checked on a real volume by hlinfo_bitlocker_test.sh, where Program
+// Files (x86) is always set; without it the walk goes on and meets the file under Windows.
+TEST_F(DirWalk, WithoutProgramFilesX86TheWalkGoesOn) {
+  files_.variables.erase(L"ProgramFiles(x86)");
   HardLinkMap map;
   ASSERT_TRUE(Create(map));
-  // Keys are file indexes, sequence number on top; a file met twice keeps the name
-  // of the earlier root (Program Files (x86) before Windows); paths lose the letter.
-  const HardLinkMap expected = {{2ull << 48 | 40, L"\\ProgramData\\p.dat"},
-                                {1ull << 48 | 41, L"\\Program Files (x86)\\x.exe"},
-                                {1ull << 48 | 44, L"\\Users\\Bob\\AppData\\Local\\l.db"},
-                                {1ull << 48 | 46, L"\\inetpub\\j.htm"},
-                                {1ull << 48 | 50, L"\\Windows.old\\o.dll"}};
-  EXPECT_EQ(map, expected);
-  EXPECT_EQ(faults_.captured_stdout().str(), L"");
-  // Without Program Files (x86) the file is met under Windows.
-  files_.variables.erase(L"ProgramFiles(x86)");
-  map.clear();
-  ASSERT_TRUE(Create(map));
+  EXPECT_EQ(map.size(), 5u);
   EXPECT_EQ(map.at(1ull << 48 | 41), L"\\Windows\\x.exe");
+  EXPECT_EQ(faults_.captured_stdout().str(), L"");
 }
 
 TEST_F(DirWalk, ProfilesRootWithoutTheSystemsAnswerFollowsTheEnvironmentKind) {
-  files_.common_documents.reset();
+  faults_.FailCall(Call::SHGetFolderPathW, 0, 0);
   varnel::string root;
   // 0xFFFFFFFF is compared signed.
   for (const auto& [kind, expected] : {std::pair{6u, L"C:\\Users"}, {5u, L"C:\\Documents And Settings"},
@@ -189,10 +185,6 @@ TEST_F(DirWalk, EveryFailureEndsTheWalk) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.trace.back()));
-    trace_.Reset();
-    faults_.Clear();
-    faults_.captured_stdout().str(L"");
-    faults_.captured_stderr().str(L"");
     Fill();
     if (c.fault) c.fault(*this);
     HardLinkMap map;

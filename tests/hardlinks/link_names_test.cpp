@@ -35,22 +35,9 @@ TEST_F(LinkNames, NameFromIdIsThePathOfTheFileWithThatReference) {
   EXPECT_EQ(std::wstring(name.c_str()), L"kept:" + path);
 }
 
-TEST_F(LinkNames, AllNamesSortedWithoutCaseTheFirstKeptTheOthersThroughTheSkipList) {
-  // As the system lists them: the first and one more lie in skipped places.
-  files_.files = {{9, {L"\\Windows\\Temp\\first.dll", L"\\b\\Zeta.dll", L"\\A\\alpha.dll", L"\\$Recycle.Bin\\x.dll",
-                       L"\\a\\Beta.dll"}, 824}};
-  Names names;
-  std::uint64_t size = 0;
-  ASSERT_TRUE(GetHardlinkNames(L"V:\\b\\Zeta.dll", L'C', L'V', names, size));
-  EXPECT_EQ(names, (Names{L"C:\\A\\alpha.dll", L"C:\\a\\Beta.dll", L"C:\\b\\Zeta.dll", L"C:\\Windows\\Temp\\first.dll"}));
-  EXPECT_EQ(size, 824u);
-  // A path in a skipped place gives nothing, and no failure.
-  names.clear();
-  EXPECT_TRUE(GetHardlinkNames(L"V:\\Windows\\Temp\\first.dll", L'C', L'V', names, size));
-  EXPECT_TRUE(names.empty());
-  EXPECT_TRUE(trace_.Has(L"[V]: GetHardlinkNames : ... ending(skipping)"));
-}
-
+// The names of a file, sorted without case, the first kept and the others through the
+// skip list, are checked against fls and istat by hlinfo_mkntfs_test.sh and
+// hlinfo_bitlocker_test.sh.
 TEST_F(LinkNames, EveryFailureNamesItsCause) {
   const std::wstring id = L"[E]: GetFileNameFromId : ", links = L"[E]: GetHardlinkNames : ... ending(";
   const struct {

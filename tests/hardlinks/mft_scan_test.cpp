@@ -1,5 +1,5 @@
 // MFT::GetHardLinkList over volumes held in memory, the file system's answers from a
-// table that names every file id "\f<id in hex>".
+// table that names every file id "\f<id>".
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,11 +22,7 @@ using Keys = std::vector<std::uint64_t>;
 constexpr std::uint16_t kFile = layout::kRecFlagInUse;
 constexpr std::uint16_t kDirectory = layout::kRecFlagInUse | layout::kRecFlagDirectory;
 
-std::wstring NameOf(std::uint64_t id) {
-  std::wostringstream name;
-  name << L"\\f" << std::hex << id;
-  return name.str();
-}
+std::wstring NameOf(std::uint64_t id) { return L"\\f" + std::to_wstring(id); }
 
 struct Scan {
   Keys keys;

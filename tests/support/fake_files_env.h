@@ -4,8 +4,8 @@
 // every name is reachable as \\?\X:\... (or X:\...) under any drive letter X but Z, the
 // folders on the way are listed by FindFirstFileW, and the Windows folders are
 // answered from fields. Other paths (disks,
-// an info file in a temporary directory) go to the wrapped Env. Host name and local
-// time are fixed once set. Wrap it in a FaultEnv to make chosen calls fail on top.
+// an info file in a temporary directory) go to the wrapped Env. Local time is fixed
+// once set. Wrap it in a FaultEnv to make chosen calls fail on top.
 // Not thread-safe: touched only from the test's own thread.
 #pragma once
 
@@ -40,10 +40,8 @@ class FakeFilesEnv : public FaultEnv {
   std::set<std::wstring> encrypted;
   std::map<std::wstring, DWORD> fail_search, fail_open;  // by path: the error of FindFirstFileW, CreateFileW
   std::map<std::wstring, std::wstring> variables;  // a missing one: ERROR_ENVVAR_NOT_FOUND
-  std::optional<std::wstring> common_documents = L"C:\\Users\\Public\\Documents";  // unset: the call fails
   // Names a file for an id the table lacks; unset: OpenFileById fails with ERROR_INVALID_PARAMETER.
   std::function<std::wstring(std::uint64_t id)> name_unknown_id;
-  std::optional<std::string> host;  // GetNetworkParams; unset: the wrapped Env answers
   std::optional<std::tm> local_time;
   std::size_t open_handles() const { return open_.size() + searches_.size(); }
 
@@ -152,9 +150,7 @@ class FakeFilesEnv : public FaultEnv {
     return Copy(L"C:\\Windows", buffer, size);
   }
   platform::LONG SHGetFolderPathW(int, DWORD, wchar_t* path) override {
-    if (!common_documents) return platform::kEFail;
-    Copy(*common_documents, path, 260);
-    return platform::kSOk;
+    return Copy(L"C:\\Users\\Public\\Documents", path, 260), platform::kSOk;
   }
   HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition, DWORD flags) override {
     if (!VolumePath(path)) return FaultEnv::CreateFileW(path, access, share, disposition, flags);
@@ -172,17 +168,6 @@ class FakeFilesEnv : public FaultEnv {
   bool PathFileExistsW(const wchar_t* path) override {
     if (!VolumePath(path)) return FaultEnv::PathFileExistsW(path);
     return Lookup(path) || IsFolder(*VolumePath(path)) || Fail(platform::kErrorFileNotFound);
-  }
-  DWORD GetNetworkParams(void* info, DWORD* size) override {
-    if (!host) return FaultEnv::GetNetworkParams(info, size);
-    const DWORD needed = 2 * platform::kFixedInfoHostNameSize;
-    if (info == nullptr || *size < needed) {
-      *size = needed;
-      return platform::kErrorBufferOverflow;
-    }
-    std::memset(info, 0, needed);
-    std::memcpy(info, host->c_str(), std::min(host->size(), platform::kFixedInfoHostNameSize - 1));
-    return platform::kErrorSuccess;
   }
   int LocalTime64(std::int64_t t, std::tm* out) override {
     if (!local_time) return FaultEnv::LocalTime64(t, out);
