@@ -18,7 +18,6 @@ using koru::test::Call;
 using koru::test::FakeSystemEnv;
 using koru::test::FaultEnv;
 using koru::test::TempDir;
-using platform::SystemTime;
 using varnel::CTrace;
 
 constexpr const char* kLog = "Logfiles/VMFT_trace.log";
@@ -63,7 +62,7 @@ TEST_F(TraceFile, EntryTexts) {
   trace().Trace(4, L"fn", L"b", varnel::Bool32{2});
   trace().Trace(4, L"fn", L"d", 3.14159265);
   env_.thread_id = 0x1F;  // zero-filled to four digits, or printed in full
-  env_.local_time = SystemTime{987, 1, 2, 3, 4, 5, 6, 7};
+  env_.local_time = platform::SystemTime{987, 1, 2, 3, 4, 5, 6, 7};
   trace().Trace(1, L"f", L"x");
   env_.thread_id = 0x12345;
   trace().Trace(2, L"f", L"y");
