@@ -55,7 +55,7 @@ TEST_F(VmftVersion, ReadsTheFileVersionOfTheLibraryOrElseTheProgramAndRecordsItB
   EXPECT_EQ(Version(), L"1.2.3.4");
   EXPECT_EQ(fake_.version_queries, (std::vector<std::wstring>{L"\\VarFileInfo\\Translation", kUsQuery}));
   EXPECT_EQ(dir_.Read("Logs/Version.log"), "[OTHER.DLL]\r\nVersion=7\r\n[KORU_MFT.DLL]\r\nVersion=1.2.3.4\r\n");
-  fake_.library_loaded = false;
+  faults_.FailCall(Call::GetModuleHandleW, 126);  // KORU_MFT.DLL's: a static build
   EXPECT_EQ(Version(), L"1.2.3.4");
   EXPECT_TRUE(trace_.Has(L"[I]: VMFT::GetResourceVersionStr : No module handle, running as static lib?"));
 }

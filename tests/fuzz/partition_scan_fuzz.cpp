@@ -12,12 +12,11 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
-  const std::uint8_t pick = data[0];
   const std::uint8_t* disk = data + 1;
   const std::size_t length = size - 1;
   platform::DiskSource source;
   source.size = static_cast<std::int64_t>(length);
-  source.sector_size = pick == 0 ? 0 : pick <= 8 ? 256u << pick : pick;
+  source.sector_size = data[0] == 0 ? 0 : data[0] <= 8 ? 256u << data[0] : data[0];
   source.read_at = [disk, length](std::uint64_t offset, std::span<std::byte> out) {
     if (offset > length || out.size() > length - offset) __builtin_trap();  // the map bounds every read
     if (!out.empty()) std::memcpy(out.data(), disk + offset, out.size());

@@ -28,7 +28,6 @@ struct Sink : koru::test::FaultEnv {
   }
   bool WriteFile(platform::HANDLE, const void*, DWORD n, DWORD* written) override { return (*written = n), true; }
   bool CloseHandle(platform::HANDLE) override { return true; }
-  bool PathFileExistsW(const wchar_t*) override { return false; }
   bool CreateDirectoryW(const wchar_t*) override { return true; }
 };
 

@@ -39,36 +39,28 @@ class FakeSystemEnv : public FaultEnv {
     SetValue(key, name, platform::kRegSz, std::move(data));
   }
   std::vector<std::pair<std::wstring, DWORD>> opens;  // key, access
-  std::vector<std::wstring> unloads;
   std::map<HKEY, std::wstring> open_keys;  // handle -> folded key
 
-  // --- the process token: every use is recorded and refused
-  std::vector<DWORD> token_accesses;
-
-  // --- module identity; an empty exe_path is the real one
+  // --- module identity: KORU_MFT.DLL is loaded (fail GetModuleHandleW for a static build)
   std::wstring exe_path;
-  bool library_loaded = true;  // GetModuleHandleW("KORU_MFT.DLL") finds it
   std::wstring library_path = L"Z:\\opt\\koru\\KORU_MFT.DLL";
   std::map<std::wstring, std::wstring> version_strings;  // sub-block -> text
   std::vector<std::wstring> version_queries;
 
-  // --- time and thread
-  std::optional<platform::SystemTime> local_time;
-  std::optional<DWORD> thread_id;
+  // --- time and thread: fixed, so that a trace entry is known to the digit
+  platform::SystemTime local_time{2026, 3, 0, 1, 14, 5, 9, 42};
+  DWORD thread_id = 0x1a2c;
 
-  void GetLocalTime(platform::SystemTime* t) override {
-    if (local_time) *t = *local_time; else FaultEnv::GetLocalTime(t);
-  }
-  DWORD GetCurrentThreadId() override { return thread_id ? *thread_id : FaultEnv::GetCurrentThreadId(); }
+  void GetLocalTime(platform::SystemTime* t) override { *t = local_time; }
+  DWORD GetCurrentThreadId() override { return thread_id; }
 
   platform::HMODULE GetModuleHandleW(const wchar_t* name) override {
     if (name == nullptr) return Module(1);
-    if (library_loaded && Fold(name) == L"koru_mft.dll") return Module(2);
+    if (Fold(name) == L"koru_mft.dll") return Module(2);
     return Fail(126), nullptr;  // ERROR_MOD_NOT_FOUND
   }
   DWORD GetModuleFileNameW(platform::HMODULE module, wchar_t* buffer, DWORD size) override {
     if (module == nullptr) module = Module(1);
-    if (module == Module(1) && exe_path.empty()) return FaultEnv::GetModuleFileNameW(nullptr, buffer, size);
     if (module != Module(1) && module != Module(2)) return Fail(126);
     return Copy(module == Module(1) ? exe_path : library_path, buffer, size);
   }
@@ -76,9 +68,8 @@ class FakeSystemEnv : public FaultEnv {
     if (Fold(file) != Fold(library_path) && Fold(file) != Fold(exe_path)) return Fail(platform::kErrorResourceTypeNotFound);
     return sizeof kBlockMark;
   }
-  bool GetFileVersionInfoW(const wchar_t* file, DWORD size, void* data) override {
+  bool GetFileVersionInfoW(const wchar_t* file, DWORD, void* data) override {
     if (GetFileVersionInfoSizeW(file) == 0) return false;
-    if (size < sizeof kBlockMark) return Fail(platform::kErrorInsufficientBuffer);
     return std::memcpy(data, kBlockMark, sizeof kBlockMark), true;
   }
   bool VerQueryValueW(const void* block, const wchar_t* sub, const void** value, UINT* length) override {
@@ -130,15 +121,6 @@ class FakeSystemEnv : public FaultEnv {
     return fits ? 0 : platform::kErrorMoreData;
   }
   LONG RegCloseKey(HKEY key) override { return open_keys.erase(key) == 1 ? 0 : platform::kErrorInvalidHandle; }
-  LONG RegUnLoadKeyW(HKEY, const wchar_t* key) override {
-    unloads.push_back(key);
-    return 0;
-  }
-
-  bool OpenProcessToken(DWORD access, platform::HANDLE*) override {
-    token_accesses.push_back(access);
-    return Fail(platform::kErrorAccessDenied);
-  }
 
  private:
   static constexpr char kBlockMark[8] = {'F', 'A', 'K', 'E', 'V', 'E', 'R', 0};

@@ -18,10 +18,10 @@ using platform::DWORD;
 
 // The calls a test can fault or count; all others pass straight through.
 enum class Call {
-  GetModuleHandleW, GetModuleFileNameW, GetFileVersionInfoSizeW, GetFileVersionInfoW, VerQueryValueW,
-  CreateFileW, ReadFile, SetFilePointerEx, CloseHandle, DeviceIoControl, RegQueryValueExW, AdjustTokenPrivileges,
-  OpenFileById, GetFileInformationByHandleEx, GetFileInformationByHandle, GetFileSizeEx, FindFirstFileNameW,
-  FindNextFileNameW, FindFirstFileW, FindNextFileW, FindClose, GetFileAttributesW, PathFileExistsW,
+  GetModuleHandleW, GetModuleFileNameW, GetFileVersionInfoSizeW, GetFileVersionInfoW, VerQueryValueW, CreateFileW,
+  ReadFile, SetFilePointerEx, CloseHandle, DeviceIoControl, RegQueryValueExW, RegUnLoadKeyW, OpenProcessToken,
+  AdjustTokenPrivileges, OpenFileById, GetFileInformationByHandleEx, GetFileInformationByHandle, GetFileSizeEx,
+  FindFirstFileNameW, FindNextFileNameW, FindFirstFileW, FindNextFileW, FindClose, GetFileAttributesW, PathFileExistsW,
   GetEnvironmentVariableW, GetWindowsDirectoryW, SHGetFolderPathW, GetNetworkParams, LocalTime64,
 };
 
@@ -124,8 +124,8 @@ class FaultEnv : public platform::Env {
   KORU_PASSED(UINT, GetSystemWow64DirectoryW, (wchar_t* b, UINT n), (b, n))
   KORU_PASSED(LONG, RegOpenKeyExW, (HKEY r, const wchar_t* k, DWORD o, DWORD s, HKEY* out), (r, k, o, s, out))
   KORU_PASSED(LONG, RegCloseKey, (HKEY k), (k))
-  KORU_PASSED(LONG, RegUnLoadKeyW, (HKEY r, const wchar_t* k), (r, k))
-  KORU_PASSED(bool, OpenProcessToken, (DWORD a, HANDLE* t), (a, t))
+  KORU_FAULT_RESULT(LONG, RegUnLoadKeyW, (HKEY r, const wchar_t* k), (r, k))
+  KORU_FAULTABLE(bool, OpenProcessToken, false, (DWORD a, HANDLE* t), (a, t))
   KORU_PASSED(bool, LookupPrivilegeValueW, (const wchar_t* n, platform::Luid* l), (n, l))
 #undef KORU_FAULTABLE
 #undef KORU_FAULT_RESULT
