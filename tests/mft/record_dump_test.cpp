@@ -42,7 +42,6 @@ TEST(RecordDump, HeaderVariants) {
       {"array cut by the record's end",
        [](auto& b) { Put16(b, layout::kRecUsaOffset, 0x3FE), Put16(b, layout::kRecUsaCount, 0xFFFF); },
        L"Update Sequence Array            : 0x00 0x00\n"},
-      {"first attribute of type 0", [](auto& b) { Put32(b, 0x38, 0); }, L"MFT Record Number                : 17\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -53,7 +52,7 @@ TEST(RecordDump, HeaderVariants) {
     c.change(b);
     const std::wstring dump = Dump(b);
     EXPECT_TRUE(Has(dump, c.line)) << testing::PrintToString(dump);
-    EXPECT_EQ(Has(dump, L"\n$DATA\n"), std::string(c.what) != "first attribute of type 0");
+    EXPECT_TRUE(Has(dump, L"\n$DATA\n"));
   }
 }
 
