@@ -103,33 +103,9 @@ TEST(RecordDump, HostileRecordsEndInsideTheBuffer) {
   }
 }
 
-// A record whose resident value covers the first sector's end, at sector 3.
-std::vector<std::byte> RecordOnDisk() {
-  RecordFixture r;
-  Value v(0x1E0);
-  for (std::size_t i = 0; i < v.bytes.size(); ++i) v.u8(i, 'A');
-  r.Resident(layout::kLoggedUtilityStream, v.bytes).End();
-  return r.OnDisk(0x0707);
-}
-
-TEST(MftRead, DumpsTheRecordUnpatched) {
-  const auto record = RecordOnDisk();
-  for (std::uint32_t sector_size : {512u, 4096u}) {
-    SCOPED_TRACE(sector_size);
-    test::TempDisk disk(test::DiskWith(record, 3, 5, sector_size), sector_size);
-    MFT mft = test::DiskReader(sector_size, 3);
-    std::wostringstream os;
-    ASSERT_TRUE(mft.Read(os));
-    mft.CloseHandles();
-    EXPECT_EQ(os.str(), Dump(record, 3));
-    // The value's bytes at the sector end are the update sequence number, not 'A's.
-    EXPECT_TRUE(Has(os.str(), L"41 41 07 07 \tAAAAAAAAAAAAAA..\n"));
-  }
-}
-
 // Both readers of a record, each with its own endings, fail on every fault.
 TEST(MftRead, EveryReadFailureOfEitherReaderWritesNothingAndTracesItsEnding) {
-  test::TempDisk disk(test::DiskWith(RecordOnDisk(), 2, 4), 512);
+  test::TempDisk disk(test::DiskWith(RecordFixture().End().OnDisk(), 2, 4), 512);
   test::FaultEnv env(platform::Env::Default());
   platform::ScopedEnv scoped(env);
   const std::wstring seek = L"SetFilePointerEx() failed) : dwLastError = 25",
