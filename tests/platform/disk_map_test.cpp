@@ -8,24 +8,17 @@
 #include <tuple>
 
 #include "support/disk_image.h"
+#include "support/image_env.h"
 
 namespace platform {
 namespace {
 
 using koru::test::DiskImage;
+using koru::test::SourceOver;
 using Image = std::vector<std::byte>;
 constexpr std::uint32_t kMiB = 1024 * 1024;
 constexpr const char* kNtfs = koru::boot::kNtfsOemId;
 constexpr const char* kBitLocker = koru::boot::kBitLockerOemId;
-
-DiskSource Source(const Image& image, DWORD sector_size = 0) {
-  return {[&image](std::uint64_t offset, std::span<std::byte> out) {
-            if (offset > image.size() || out.size() > image.size() - offset) return false;
-            std::copy_n(image.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
-            return true;
-          },
-          static_cast<std::int64_t>(image.size()), sector_size};
-}
 
 TEST(DiskMap, SectorSizeIsGivenElseFoundOnTheDisk) {
   // An MBR disk of 4096-byte sectors: its volume is only where 4096 puts it.
@@ -45,7 +38,7 @@ TEST(DiskMap, SectorSizeIsGivenElseFoundOnTheDisk) {
                {DiskImage(64), 1000, 512, 0}};  // not a sector size
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
-    const ScannedDisk disk = ScanDisk(Source(c.image, c.given));
+    const ScannedDisk disk = ScanDisk(SourceOver(c.image, c.given));
     EXPECT_EQ(disk.sector_size, c.want);
     EXPECT_EQ(disk.volumes.size(), c.volumes);
   }
@@ -63,7 +56,7 @@ struct ThreeDisks {
   Image gpt = DiskImage(16384).Gpt().GptEntry(0, 34, 2081, 0x10).GptEntry(1, 4096, 8191, 0x20).Boot(34).Boot(4096);
   Image empty = Image(4096);
   DiskMap Map(const std::vector<LetterPin>& pins = {}) const {
-    return DiskMap({Source(mbr), Source(gpt), Source(empty)}, pins);
+    return DiskMap({SourceOver(mbr), SourceOver(gpt), SourceOver(empty)}, pins);
   }
 };
 
@@ -105,7 +98,7 @@ TEST(DiskMap, BrokenTablesEndTheScanWithWhatWasFound) {
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
     std::vector<std::int64_t> offsets;
-    for (const auto& v : ScanDisk(Source(c.image)).volumes) offsets.push_back(v.offset);
+    for (const auto& v : ScanDisk(SourceOver(c.image)).volumes) offsets.push_back(v.offset);
     EXPECT_EQ(offsets, c.offsets);
   }
 }

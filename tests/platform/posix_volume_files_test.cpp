@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <span>
 
 #include "base/bytes.h"
 #include "base/ntfs_layout.h"
@@ -29,16 +30,18 @@ using Links = std::multimap<std::uint64_t, std::wstring>;  // record -> path
 std::uint64_t TskId(const std::string& image, const std::string& path) {
   std::string out(64, '\0');
   FILE* pipe = ::popen(("istat '" + image + "' $(ifind -n '" + path + "' '" + image + "') | sed -n 2p").c_str(), "r");
-  out.resize(std::fread(out.data(), 1, out.size(), pipe));
-  ::pclose(pipe);
+  out.resize(pipe ? std::fread(out.data(), 1, out.size(), pipe) : 0);
+  if (pipe) ::pclose(pipe);
   return std::stoull(out.substr(out.find("Entry: ") + 7)) | std::stoull(out.substr(out.find("Sequence: ") + 10)) << 48;
 }
 
 // The offset of the first record of `image` whose field at `at`, masked, is `value`.
 std::size_t RecordWhere(const std::vector<std::byte>& image, std::size_t at, std::uint64_t mask, std::uint64_t value) {
   std::size_t r = 0;
-  while (r + 1024 <= image.size() && !(koru::le32Or0(image, r) == 0x454C4946 && (koru::le64Or0(image, r + at) & mask) == value))
-    r += 1024;  // "FILE"
+  const auto file = koru::le32Or0(std::as_bytes(std::span("FILE", 4)), 0);
+  while (r + 1024 <= image.size() &&
+         !(koru::le32Or0(image, r + koru::layout::kRecSignature) == file && (koru::le64Or0(image, r + at) & mask) == value))
+    r += 1024;
   return r;
 }
 
@@ -176,9 +179,9 @@ TEST_F(VolumeFiles, OpenByIdRefusesWhatIsNotAFileAndShortBuffersSayHowLong) {
   const std::uint64_t reference = Id(L"\\Windows\\many.dat"), seq = reference >> 48 << 48;
   // An extension record of the file with 41 names, found by its base reference.
   const auto image = koru::test::ReadFileBytes(image_);
-  const std::size_t at = RecordWhere(image, 0x20, ~0ull >> 16, reference & ~seq);
+  const std::size_t at = RecordWhere(image, koru::layout::kRecBaseRecordLo, ~0ull >> 16, reference & ~seq);
   ASSERT_LT(at, image.size());
-  const std::uint64_t extension = koru::le32Or0(image, at + 0x2C);
+  const std::uint64_t extension = koru::le32Or0(image, at + koru::layout::kRecNumber);
   for (const std::uint64_t refused : std::vector<std::uint64_t>{reference + (1ull << 48), extension | seq, 30, 1ull << 40})
     EXPECT_EQ(ErrorOf(IsValid(OpenById(refused))), kErrorInvalidParameter) << std::hex << refused;
   EXPECT_EQ(ErrorOf(IsValid(OpenById(reference, L"\\\\.\\PhysicalDrive0"))), kErrorInvalidParameter);
@@ -249,7 +252,8 @@ TEST_F(VolumeFiles, AnAttributeOfAnUnknownTypeIsPassedOver) {
   Attach("files.img");
   if (IsSkipped()) return;
   auto image = koru::test::ReadFileBytes(image_);
-  const std::size_t at = RecordWhere(image, 0x2C, 0xFFFFFFFFu, Id(L"\\ProgramData\\readme.txt") & 0xFFFFFFFFu);
+  const std::size_t at =
+      RecordWhere(image, koru::layout::kRecNumber, 0xFFFFFFFFu, Id(L"\\ProgramData\\readme.txt") & 0xFFFFFFFFu);
   ASSERT_LT(at, image.size());
   std::size_t a = koru::le16Or0(image, at + koru::layout::kRecFirstAttribute);
   while (a + 8 < 1024 && koru::le32Or0(image, at + a) != koru::layout::kData)

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,20 +21,23 @@
 
 namespace koru::test {
 
+// A disk for the disk map over bytes in memory, which must outlive it; `sector_size` 0:
+// found on the disk.
+inline platform::DiskSource SourceOver(const std::vector<std::byte>& image, std::uint32_t sector_size = 0) {
+  return {[&image](std::uint64_t offset, std::span<std::byte> out) {
+            if (offset > image.size() || out.size() > image.size() - offset) return false;
+            std::copy_n(image.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
+            return true;
+          },
+          static_cast<std::int64_t>(image.size()), sector_size};
+}
+
 class ImageEnv : public FaultEnv {
  public:
   // `sector_size` 0: found on the disk.
   ImageEnv(platform::Env& inner, std::vector<std::byte> image, std::uint32_t sector_size)
       : FaultEnv(inner), inner_(inner), image_(std::move(image)) {
-    platform::DiskSource disk;
-    disk.size = static_cast<std::int64_t>(image_.size());
-    disk.sector_size = sector_size;
-    disk.read_at = [this](std::uint64_t offset, std::span<std::byte> out) {
-      if (offset > image_.size() || out.size() > image_.size() - offset) return false;
-      std::copy_n(image_.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
-      return true;
-    };
-    map_ = platform::DiskMap({disk}, {});
+    map_ = platform::DiskMap({SourceOver(image_, sector_size)}, {});
   }
 
   platform::HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, DWORD disposition,
